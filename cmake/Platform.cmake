@@ -1,0 +1,47 @@
+# Debian's packaged Android platform libraries, jsoncpp and fmt, and the
+# project-wide warning flags.
+
+set(ANDROID_LIB_DIR /usr/lib/x86_64-linux-gnu/android)
+set(ANDROID_INCLUDE_DIR /usr/include/android)
+
+foreach(lib base log ziparchive)
+  find_library(ANDROID_${lib}_LIBRARY NAMES ${lib} PATHS ${ANDROID_LIB_DIR} NO_DEFAULT_PATH REQUIRED)
+endforeach()
+find_path(JSONCPP_INCLUDE_DIR json/json.h PATH_SUFFIXES jsoncpp REQUIRED)
+find_library(JSONCPP_LIBRARY jsoncpp REQUIRED)
+find_package(fmt REQUIRED)
+find_package(OpenSSL REQUIRED)
+find_package(Threads REQUIRED)
+
+# One interface target per platform library, as Android.bp names them.
+add_library(android_libbase INTERFACE)
+target_include_directories(android_libbase SYSTEM INTERFACE ${ANDROID_INCLUDE_DIR})
+target_link_libraries(android_libbase INTERFACE ${ANDROID_base_LIBRARY} fmt::fmt)
+target_link_options(android_libbase INTERFACE "-Wl,-rpath,${ANDROID_LIB_DIR}")
+
+add_library(android_liblog INTERFACE)
+target_include_directories(android_liblog SYSTEM INTERFACE ${ANDROID_INCLUDE_DIR})
+target_link_libraries(android_liblog INTERFACE ${ANDROID_log_LIBRARY})
+target_link_options(android_liblog INTERFACE "-Wl,-rpath,${ANDROID_LIB_DIR}")
+
+add_library(android_libziparchive INTERFACE)
+target_include_directories(android_libziparchive SYSTEM INTERFACE ${ANDROID_INCLUDE_DIR})
+target_link_libraries(android_libziparchive INTERFACE ${ANDROID_ziparchive_LIBRARY})
+target_link_options(android_libziparchive INTERFACE "-Wl,-rpath,${ANDROID_LIB_DIR}")
+
+add_library(jsoncpp_lib INTERFACE)
+target_include_directories(jsoncpp_lib SYSTEM INTERFACE ${JSONCPP_INCLUDE_DIR})
+target_link_libraries(jsoncpp_lib INTERFACE ${JSONCPP_LIBRARY})
+
+# Warnings for our own targets.
+add_library(mend_warnings INTERFACE)
+target_compile_options(mend_warnings INTERFACE -Wall -Wextra -Wformat -Wformat-security -Wno-unused-parameter)
+if(MEND_WERROR)
+  target_compile_options(mend_warnings INTERFACE -Werror)
+endif()
+
+# Every executable that runs daemon code gets the property and reboot
+# stand-ins compiled in, so that no definition in a shared library can win.
+function(mend_link_platform_standins target)
+  target_link_libraries(${target} PRIVATE cutils_standin base_properties_standin)
+endfunction()

@@ -1,0 +1,3 @@
+#include "mend_loop.h"
+
+// Placeholder until the loop device code lands.

@@ -1,0 +1,76 @@
+#pragma once
+
+#include <libavb/libavb.h>
+
+#include <android-base/result.h>
+
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace android {
+namespace rpk {
+
+// Path of the device's trusted AVB public key blob.
+inline constexpr const char kRpkPublicKeyPath[] = "/system/etc/security/rpk_public_key";
+// Name of the payload member inside a package zip.
+inline constexpr const char kRpkImageEntryName[] = "update_payload.img";
+// Largest vbmeta block the verifier reads.
+inline constexpr uint64_t kVbMetaMaxSize = 64 * 1024;
+
+// Each byte as two lowercase hex digits, in order.
+std::string BytesToHex(const uint8_t* bytes, size_t length);
+
+// Hashtree parameters taken from a verified vbmeta block.
+struct RpkVerityData {
+  std::unique_ptr<AvbHashtreeDescriptor> desc;  // host byte order
+  std::string hash_algorithm;
+  std::string salt;         // lowercase hex
+  std::string root_digest;  // lowercase hex
+};
+
+// Package configuration record of the engine; nothing on the mount path
+// fills or reads it.
+struct RpkConfig {
+  std::string name;
+  std::list<std::string> provide_shared_libs;
+};
+
+// An opened repair package: where its image lies inside the zip and the
+// device's trusted key. Holds no open resources.
+class RpkFile {
+ public:
+  static android::base::Result<RpkFile> Open(const std::string& path);
+
+  // Verifies the image's AVB footer and vbmeta signature against
+  // `expected_public_key` (lowercase hex) and returns its hashtree parameters.
+  android::base::Result<RpkVerityData> VerifyRpkVerity(
+      const std::string& expected_public_key) const;
+
+  const std::string& GetPath() const { return path_; }
+  const std::optional<int32_t>& GetImageOffset() const { return image_offset_; }
+  const std::optional<uint64_t>& GetImageSize() const { return image_size_; }
+  const std::string& GetPublicKey() const { return public_key_; }
+  const std::optional<std::string>& GetFsType() const { return fs_type_; }
+
+ private:
+  RpkFile(std::string path, std::optional<int32_t> image_offset,
+          std::optional<uint64_t> image_size, std::string public_key,
+          std::optional<std::string> fs_type)
+      : path_(std::move(path)),
+        image_offset_(image_offset),
+        image_size_(image_size),
+        public_key_(std::move(public_key)),
+        fs_type_(std::move(fs_type)) {}
+
+  std::string path_;
+  std::optional<int32_t> image_offset_;
+  std::optional<uint64_t> image_size_;
+  std::string public_key_;
+  std::optional<std::string> fs_type_;
+};
+
+}  // namespace rpk
+}  // namespace android

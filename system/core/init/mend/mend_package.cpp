@@ -1,0 +1,79 @@
+#include "mend_package.h"
+
+#include <map>
+#include <sstream>
+
+#include "mend_json.h"
+
+namespace android {
+namespace init {
+
+std::vector<std::string> MendRepairUtil::split(const std::string& text, char /*delimiter*/) {
+  std::vector<std::string> fields;
+  std::istringstream stream(text);
+  std::string field;
+  while (std::getline(stream, field, ';')) {
+    fields.push_back(field);
+  }
+  return fields;
+}
+
+std::string MendRepairUtil::repairStatus2JsonString(STATUS_REPAIR status) {
+  Json::Value root;
+  root["status"] = static_cast<int>(status);
+  return toCompactJson(root);
+}
+
+bool compareModByTaskId(const MendRepairModule& a, const MendRepairModule& b) {
+  return a.parent_package.task_id < b.parent_package.task_id;
+}
+
+namespace {
+
+// key=value pairs of a config text. Lines without "=" or with nothing after
+// it define nothing; a later line overrides an earlier one.
+std::map<std::string, std::string> readConfigPairs(const std::string& text) {
+  std::map<std::string, std::string> pairs;
+  std::istringstream stream(text);
+  std::string line;
+  while (std::getline(stream, line, '\n')) {
+    size_t eq = line.find('=');
+    if (eq == std::string::npos) continue;
+    std::string value = line.substr(eq + 1);
+    if (value.empty()) continue;
+    pairs[line.substr(0, eq)] = value;
+  }
+  return pairs;
+}
+
+}  // namespace
+
+MendRepairPackage parseRepairConfig(const std::string& text) {
+  const std::map<std::string, std::string> pairs = readConfigPairs(text);
+  auto text_of = [&pairs](const char* key, std::string* out) {
+    auto it = pairs.find(key);
+    if (it != pairs.end()) *out = it->second;
+  };
+  // std::stoi raises on a value without a leading number; nothing catches it.
+  auto int_of = [&pairs](const char* key, auto* out) {
+    auto it = pairs.find(key);
+    if (it != pairs.end()) *out = std::stoi(it->second, nullptr, 10);
+  };
+
+  MendRepairPackage package;
+  text_of("update_package_name", &package.update_package_name);
+  text_of("update_version_name", &package.update_version_name);
+  int_of("update_version_code", &package.update_version_code);
+  text_of("module_num", &package.module_num);
+  text_of("module_name", &package.module_name);
+  text_of("module_path", &package.module_path);
+  text_of("fix_method", &package.fix_method);
+  text_of("ro_build_display_id", &package.ro_build_display_id);
+  int_of("trigger_rollback_count", &package.trigger_rollback_count);
+  int_of("structure_version", &package.structure_version);
+  int_of("is_async_exec", &package.is_async_exec);
+  return package;
+}
+
+}  // namespace init
+}  // namespace android

@@ -1,0 +1,66 @@
+#pragma once
+
+#include <cstdint>
+#include <list>
+#include <string>
+#include <vector>
+
+namespace android {
+namespace init {
+
+// One repair package as read from its config.txt, plus where it lies and the
+// task id of its state record.
+struct MendRepairPackage {
+  std::string update_package_name;
+  std::string update_version_name;
+  int64_t update_version_code = 0;
+  std::string module_num;
+  std::string module_name;
+  std::string module_path;
+  std::string fix_method;
+  std::string ro_build_display_id;
+  int32_t trigger_rollback_count = 0;
+  int32_t structure_version = 0;
+  std::string image_path;
+  int64_t task_id = 0;
+  int32_t is_async_exec = 0;
+};
+
+// One directory that a package overlays.
+struct MendRepairModule {
+  MendRepairPackage parent_package;
+  std::string module_path;
+  bool is_overlay_success = false;
+};
+
+// Repair outcomes as reported to the application.
+enum STATUS_REPAIR : int32_t {
+  REPAIR_START_SUCCESS = 1,
+  REPAIR_BOOT_FAILED_LIMIT = -1,
+  REPAIR_OS_VERSION_MISMATCH = -2,
+  REPAIR_MOUNT_FAILED = -7,
+  REPAIR_OVERLAY_FAILED = -8,
+  REPAIR_BUILD_LIST_EMPTY = -9,
+};
+
+class MendRepairUtil {
+ public:
+  // Both feature properties must be exactly "1".
+  static bool isMendSupported();
+  // Cuts `text` at every ";". The delimiter argument is ignored on purpose:
+  // every caller relies on ";".
+  static std::vector<std::string> split(const std::string& text, char delimiter);
+  // {"status":N}
+  static std::string repairStatus2JsonString(STATUS_REPAIR status);
+};
+
+// Orders modules by their package's task id; equal ids compare false so that
+// a stable sort keeps their arrival order.
+bool compareModByTaskId(const MendRepairModule& a, const MendRepairModule& b);
+
+// Parses the key=value text of a config.txt. A number that does not convert
+// ends the daemon through the uncaught conversion error.
+MendRepairPackage parseRepairConfig(const std::string& text);
+
+}  // namespace init
+}  // namespace android

@@ -1,0 +1,80 @@
+#include <android-base/logging.h>
+#include <sys/mount.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <map>
+
+#include "mend_log.h"
+#include "mend_repair.h"
+
+namespace android {
+namespace init {
+namespace {
+
+// "/system/app" -> "overlayfs-system_app". The first character is always
+// dropped; an empty path has none and ends the daemon (out of range).
+std::string overlaySourceName(const std::string& path) {
+  std::string flat = path;
+  std::replace(flat.begin(), flat.end(), '/', '_');
+  return "overlayfs-" + flat.substr(1);
+}
+
+// The module's directory inside its mounted package.
+std::string lowerDirOf(const MendRepairModule& module) {
+  return "/mnt/rvx/" + module.parent_package.update_package_name + module.module_path;
+}
+
+// Mounts one overlay over `path` with the group's package copies stacked by
+// task id above the directory itself. True when the mount succeeded.
+bool overlayGroup(const std::string& path, const std::list<MendRepairModule>& group) {
+  const std::string source = overlaySourceName(path);
+  MEND_LOG("preOverlayImgsByModPath1 : %s , %s", source.c_str(), path.c_str());
+  std::list<MendRepairModule> byTask = group;
+  byTask.sort(compareModByTaskId);  // stable: equal task ids keep input order
+
+  std::string joined;
+  for (const MendRepairModule& module : byTask) {
+    const std::string lower = lowerDirOf(module);
+    MEND_LOG("preOverlayImgsByModPath2 : %s", lower.c_str());
+    joined += ":" + lower;
+  }
+  MEND_LOG("repairAfterMount : %s , %s", source.c_str(), path.c_str());
+  const std::string options = "override_creds=off,lowerdir=" + joined.substr(1) + ":" + path;
+  MEND_LOG("repairAfterMount option: %s ", options.c_str());
+
+  if (mount(source.c_str(), path.c_str(), "overlay", MS_RDONLY, options.c_str()) != 0) {
+    MEND_LOG("Mounted overlay failed : %d , %s", errno, strerror(errno));
+    return false;
+  }
+  MEND_LOG("RPK repair ok");
+  LOG(INFO) << " mount success";
+  return true;
+}
+
+}  // namespace
+
+std::list<MendRepairModule> MendRepairManager::startOverlay(std::list<MendRepairModule> modules) {
+  MEND_LOG("startOverlay : %ld", static_cast<long>(modules.size()));
+  std::list<MendRepairModule> result;
+  if (modules.empty()) {
+    MEND_LOG("nothing need to be overlay");
+    return result;
+  }
+  std::map<std::string, std::list<MendRepairModule>> groups;
+  for (const MendRepairModule& module : modules) {
+    groups[module.module_path].push_back(module);
+  }
+  for (const auto& [path, group] : groups) {
+    const bool mounted = overlayGroup(path, group);
+    for (MendRepairModule module : group) {
+      module.is_overlay_success = mounted;
+      result.push_back(module);
+    }
+  }
+  return result;
+}
+
+}  // namespace init
+}  // namespace android

@@ -1,0 +1,113 @@
+#include "sandbox_root.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <thread>
+
+#include "zip_builder.h"
+
+namespace fs = std::filesystem;
+
+namespace mend_test {
+namespace {
+
+constexpr const char kExitStatusFile[] = "/run/.sandbox-exit-status";
+
+std::string TempBase() {
+  const char* tmp = getenv("TMPDIR");
+  std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/mend-sandbox-XXXXXX";
+  if (mkdtemp(pattern.data()) == nullptr) abort();
+  return pattern;
+}
+
+}  // namespace
+
+SandboxRoot::SandboxRoot() : root_(TempBase() + "/root") {
+  for (const char* dir : {"/data", "/system", "/mnt", "/run"}) MakeDir(dir);
+}
+
+SandboxRoot::~SandboxRoot() {
+  std::error_code ignored;
+  fs::remove_all(fs::path(root_).parent_path(), ignored);
+}
+
+std::string SandboxRoot::HostPath(const std::string& sandbox_path) const {
+  return root_ + sandbox_path;
+}
+
+void SandboxRoot::MakeDir(const std::string& sandbox_path) const {
+  fs::create_directories(HostPath(sandbox_path));
+}
+
+void SandboxRoot::WriteFile(const std::string& sandbox_path, const std::string& content) const {
+  MakeDir(fs::path(sandbox_path).parent_path().string());
+  WriteWholeFile(HostPath(sandbox_path), content);
+}
+
+void SandboxRoot::CopyIn(const std::string& host_file, const std::string& sandbox_path) const {
+  MakeDir(fs::path(sandbox_path).parent_path().string());
+  fs::copy_file(host_file, HostPath(sandbox_path), fs::copy_options::overwrite_existing);
+}
+
+std::string SandboxRoot::ReadFile(const std::string& sandbox_path) const {
+  return ReadWholeFile(HostPath(sandbox_path));
+}
+
+bool SandboxRoot::Exists(const std::string& sandbox_path) const {
+  return fs::exists(HostPath(sandbox_path));
+}
+
+void SandboxRoot::SetProperty(const std::string& name, const std::string& value) const {
+  WriteFile(std::string(MEND_PROPERTY_DIR) + "/" + name, value + "\n");
+}
+
+SandboxRun SandboxRoot::Run(const std::vector<std::string>& argv,
+                            std::chrono::seconds timeout) const {
+  const std::string log_path = fs::path(root_).parent_path().string() + "/output.log";
+  fs::remove(HostPath(kExitStatusFile));
+
+  // The shell inside records how the command ended; when the sandbox dies
+  // first (a reboot request), no status is written.
+  std::vector<std::string> args = {MEND_SOURCE_DIR "/scripts/sandbox", root_, "/bin/sh", "-c",
+                                   std::string("\"$@\"; echo $? > ") + kExitStatusFile, "sh"};
+  args.insert(args.end(), argv.begin(), argv.end());
+
+  pid_t pid = fork();
+  if (pid == 0) {
+    int log = open(log_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    dup2(log, STDOUT_FILENO);
+    dup2(log, STDERR_FILENO);
+    std::vector<char*> cargs;
+    for (auto& arg : args) cargs.push_back(arg.data());
+    cargs.push_back(nullptr);
+    execv(cargs[0], cargs.data());
+    _exit(127);
+  }
+
+  SandboxRun run;
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  int status = 0;
+  while (waitpid(pid, &status, WNOHANG) == 0) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      kill(pid, SIGKILL);
+      waitpid(pid, &status, 0);
+      run.timed_out = true;
+      break;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  run.output = ReadWholeFile(log_path);
+  if (Exists(kExitStatusFile)) {
+    run.finished = true;
+    run.exit_code = std::atoi(ReadFile(kExitStatusFile).c_str());
+  }
+  run.rebooted = !run.finished && !run.timed_out;
+  return run;
+}
+
+}  // namespace mend_test

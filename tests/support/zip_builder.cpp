@@ -1,0 +1,50 @@
+#include "zip_builder.h"
+
+#include <ziparchive/zip_writer.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+namespace mend_test {
+namespace {
+
+[[noreturn]] void Fail(const std::string& what) {
+  fprintf(stderr, "test support: %s\n", what.c_str());
+  abort();
+}
+
+}  // namespace
+
+void WriteZip(const std::string& path, const std::vector<ZipMember>& members) {
+  FILE* file = fopen(path.c_str(), "wb");
+  if (file == nullptr) Fail("cannot create " + path);
+  ZipWriter writer(file);
+  for (const ZipMember& member : members) {
+    const size_t flags = member.compress ? ZipWriter::kCompress : 0;
+    int32_t rc = member.alignment ? writer.StartAlignedEntry(member.name, flags, member.alignment)
+                                  : writer.StartEntry(member.name, flags);
+    if (rc == 0) rc = writer.WriteBytes(member.content.data(), member.content.size());
+    if (rc == 0) rc = writer.FinishEntry();
+    if (rc != 0) Fail("cannot add " + member.name + " to " + path);
+  }
+  if (writer.Finish() != 0) Fail("cannot finish " + path);
+  fclose(file);
+}
+
+std::string ReadWholeFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) Fail("cannot read " + path);
+  std::ostringstream out;
+  out << in.rdbuf();
+  return out.str();
+}
+
+void WriteWholeFile(const std::string& path, const std::string& content) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  if (!out) Fail("cannot write " + path);
+  out << content;
+}
+
+}  // namespace mend_test

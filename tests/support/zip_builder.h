@@ -1,0 +1,22 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace mend_test {
+
+struct ZipMember {
+  std::string name;
+  std::string content;
+  bool compress = false;
+  unsigned alignment = 0;  // 0: no alignment of the member's data
+};
+
+// Writes a zip archive with the members in order. Aborts the test binary on
+// I/O failure (there is nothing sensible to test after that).
+void WriteZip(const std::string& path, const std::vector<ZipMember>& members);
+
+std::string ReadWholeFile(const std::string& path);
+void WriteWholeFile(const std::string& path, const std::string& content);
+
+}  // namespace mend_test
