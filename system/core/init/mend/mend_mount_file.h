@@ -43,6 +43,10 @@ struct RpkConfig {
 class RpkFile {
  public:
   static android::base::Result<RpkFile> Open(const std::string& path);
+  // As Open, but trusts `public_key_hex` instead of reading the device's key
+  // file: for offline tools that take the key from their command line.
+  static android::base::Result<RpkFile> OpenWithPublicKey(const std::string& path,
+                                                          const std::string& public_key_hex);
 
   // Verifies the image's AVB footer and vbmeta signature against
   // `expected_public_key` (lowercase hex) and returns its hashtree parameters.
