@@ -41,11 +41,11 @@ AvbVBMetaVerifyResult Verify(const std::string& block) {
 
 std::string SignedBlock(uint32_t algorithm = AVB_ALGORITHM_TYPE_SHA256_RSA2048,
                         const SigningKey& key = Rsa2048()) {
-  VbmetaSpec spec;
-  spec.algorithm = algorithm;
-  spec.key = &key;
-  spec.descriptors = HashtreeDescriptorBytes({});
-  return BuildVbmeta(spec);
+  VbmetaRecipe recipe;
+  recipe.algorithm = algorithm;
+  recipe.key = &key;
+  recipe.descriptors = HashtreeDescriptorBytes({});
+  return BuildVbmeta(recipe);
 }
 
 #define HEADER_OFFSET(member) offsetof(AvbVBMetaImageHeader, member)
@@ -129,9 +129,9 @@ TEST(VbmetaVerifyTest, UnsignedBlockIsReportedWithoutAKey) {
   EXPECT_EQ(key, nullptr);
   EXPECT_EQ(key_length, 0u);
 
-  VbmetaSpec spec;
-  spec.algorithm = AVB_ALGORITHM_TYPE_NONE;
-  EXPECT_EQ(Verify(BuildVbmeta(spec)), AVB_VBMETA_VERIFY_RESULT_OK_NOT_SIGNED);
+  VbmetaRecipe recipe;
+  recipe.algorithm = AVB_ALGORITHM_TYPE_NONE;
+  EXPECT_EQ(Verify(BuildVbmeta(recipe)), AVB_VBMETA_VERIFY_RESULT_OK_NOT_SIGNED);
 }
 
 TEST(VbmetaVerifyTest, RequiredVersionOutsideThisLibraryIsUnsupported) {
@@ -141,7 +141,7 @@ TEST(VbmetaVerifyTest, RequiredVersionOutsideThisLibraryIsUnsupported) {
     StoreBe32(&block, HEADER_OFFSET(required_libavb_version_minor), minor);
     EXPECT_EQ(Verify(block), AVB_VBMETA_VERIFY_RESULT_UNSUPPORTED_VERSION) << major << "." << minor;
   }
-  VbmetaSpec newest;
+  VbmetaRecipe newest;
   newest.key = &Rsa2048();
   newest.required_minor = AVB_VERSION_MINOR;
   EXPECT_EQ(Verify(BuildVbmeta(newest)), AVB_VBMETA_VERIFY_RESULT_OK);
@@ -231,11 +231,11 @@ TEST(VbmetaVerifyTest, BadSignatureOrUnusableKeyGivesSignatureMismatch) {
       {"empty blob", ""},
   };
   for (const Case& c : cases) {
-    VbmetaSpec spec;
-    spec.key = &Rsa2048();
-    spec.public_key_blob = c.blob;
-    spec.descriptors = HashtreeDescriptorBytes({});
-    EXPECT_EQ(Verify(BuildVbmeta(spec)), AVB_VBMETA_VERIFY_RESULT_SIGNATURE_MISMATCH) << c.what;
+    VbmetaRecipe recipe;
+    recipe.key = &Rsa2048();
+    recipe.public_key_blob = c.blob;
+    recipe.descriptors = HashtreeDescriptorBytes({});
+    EXPECT_EQ(Verify(BuildVbmeta(recipe)), AVB_VBMETA_VERIFY_RESULT_SIGNATURE_MISMATCH) << c.what;
   }
 }
 
@@ -260,10 +260,10 @@ DescriptorList GetAll(const std::string& block) {
 }
 
 std::string BlockWithDescriptors(const std::string& descriptors) {
-  VbmetaSpec spec;
-  spec.algorithm = AVB_ALGORITHM_TYPE_NONE;
-  spec.descriptors = descriptors;
-  return BuildVbmeta(spec);
+  VbmetaRecipe recipe;
+  recipe.algorithm = AVB_ALGORITHM_TYPE_NONE;
+  recipe.descriptors = descriptors;
+  return BuildVbmeta(recipe);
 }
 
 // A descriptor header whose length is not a multiple of 8, then that many bytes.
