@@ -255,10 +255,12 @@ bool DeviceMapper::QueryTable(const std::string& name, bool table_lines,
     // Each spec is followed by its NUL-terminated text; `next` counts from
     // the start of the data area. Every offset is checked against what the
     // kernel says it filled in.
+    table->clear();
+    // Without a table the kernel leaves no data area at all.
+    if (out->target_count == 0) return true;
     const size_t data_start = out->data_start;
     const size_t data_end = std::min<size_t>(out->data_size, io.size());
     if (data_start > data_end) return false;
-    table->clear();
     size_t offset = 0;
     for (uint32_t i = 0; i < out->target_count; ++i) {
       const size_t spec_at = data_start + offset;
