@@ -86,7 +86,7 @@ dm_target_spec SpecAt(const std::string& bytes, size_t at) {
 
 TEST(DmTableTest, SerializesEachTargetAsAlignedSpecAndParameters) {
   DmTable table;
-  // 40-byte spec + 7 characters + NUL is exactly 48: no padding. 8
+  // A 40-byte dm_target_spec + 7 characters + NUL is exactly 48: no padding. 8
   // characters need 7 bytes of padding, 1 character needs 6.
   ASSERT_TRUE(table.AddTarget(std::make_unique<WordsTarget>(0, 100, "linear", "7:0 100")));
   ASSERT_TRUE(table.AddTarget(std::make_unique<WordsTarget>(100, 20, "zero", "abcdefgh")));

@@ -252,7 +252,7 @@ bool DeviceMapper::QueryTable(const std::string& name, bool table_lines,
     const dm_ioctl* out = io.header();
     if (out->flags & DM_BUFFER_FULL_FLAG) continue;
 
-    // Each spec is followed by its NUL-terminated text; `next` counts from
+    // Each dm_target_spec is followed by its NUL-terminated text; `next` counts from
     // the start of the data area. Every offset is checked against what the
     // kernel says it filled in.
     table->clear();

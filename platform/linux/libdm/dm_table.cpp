@@ -34,7 +34,7 @@ std::string DmTable::Serialize() const {
   std::string out;
   for (const auto& target : targets_) {
     const std::string params = target->GetParameterString();
-    // The spec, the parameters and their NUL, padded so that the next spec
+    // The target header, the parameters and their NUL, padded so that the next header
     // starts 8-byte aligned.
     const size_t chunk = (sizeof(dm_target_spec) + params.size() + 1 + 7) & ~size_t{7};
     dm_target_spec spec = {};
