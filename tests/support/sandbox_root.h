@@ -8,9 +8,9 @@ namespace mend_test {
 
 // How a command run in the sandbox ended.
 struct SandboxRun {
-  bool finished = false;  // the command returned (possibly by a signal)
+  bool finished = false;  // the command ended by itself (possibly by a signal)
   int exit_code = -1;     // its status; 128 + N when killed by signal N
-  bool rebooted = false;  // the sandbox ended before the command returned
+  bool rebooted = false;  // a reboot request ended the sandbox
   bool timed_out = false;
   std::string output;     // stdout and stderr, interleaved
 

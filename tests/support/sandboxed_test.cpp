@@ -13,8 +13,6 @@
 namespace mend_test {
 namespace {
 
-constexpr char kInsideVariable[] = "MEND_TEST_IN_SANDBOX";
-
 std::string SelfExecutable() {
   char path[4096];
   ssize_t n = readlink("/proc/self/exe", path, sizeof(path) - 1);
@@ -30,9 +28,10 @@ std::string CurrentTestFilter() {
 }  // namespace
 
 bool InSandbox() {
-  // The variable alone could leak into a host shell; PID 1 being the
-  // sandbox's own init makes sure device-touching code never runs on the host.
-  const char* inside = getenv(kInsideVariable);
+  // scripts/sandbox sets the variable. It alone could leak into a host
+  // shell; PID 1 being the sandbox's own init makes sure that device-touching
+  // code never runs on the host.
+  const char* inside = getenv("MEND_SANDBOX");
   if (inside == nullptr || std::string(inside) != "1") return false;
   std::ifstream comm("/proc/1/comm");
   std::string init;
@@ -52,10 +51,8 @@ SandboxOutcome RunCurrentTestInSandbox(const SandboxLayout& layout) {
   // scripts/sandbox binds a build tree that lies outside the repository only
   // when it is told where it is.
   setenv("MEND_BUILD_DIR", MEND_BINARY_DIR, /*overwrite=*/0);
-  setenv(kInsideVariable, "1", 1);
   const std::string filter = CurrentTestFilter();
   SandboxRun run = root.Run({SelfExecutable(), "--gtest_filter=" + filter}, layout.timeout);
-  unsetenv(kInsideVariable);
 
   // Shown by ctest only on failure or with -V.
   std::cout << "--- sandboxed run of " << filter << " ---\n" << run.output;
