@@ -75,7 +75,7 @@ TEST_F(LoopDeviceTest, AttachesAFileRegionReadOnly) {
     EXPECT_NE(warnings[2], " target_fd.get() is : -1");
     EXPECT_EQ(warnings[3], "ConfigureLoopDevice end 1");
     EXPECT_EQ(warnings[4], "CreateLoopDevice end");
-    for (const LogCapture::Record& record : logs_.Records()) {
+    for (const LogRecorder::Record& record : logs_.Records()) {
       EXPECT_EQ(record.file, "mend_loop.cpp");
     }
   }

@@ -44,7 +44,7 @@ class LoopTest : public ::testing::Test {
 
   std::string token_;
   std::string ext4_image_;
-  LogCapture logs_;
+  LogRecorder logs_;
 };
 
 }  // namespace mend_test

@@ -145,7 +145,7 @@ std::set<int> ExistingLoopDevices() {
 TEST(PreAllocateLoopDevicesTest, CountsIdleDevicesAndAllocatesTheRest) {
   MEND_RUN_IN_SANDBOX(WithFakeSys());
   ASSERT_TRUE(SysIsFake());
-  LogCapture logs;
+  LogRecorder logs;
   const std::set<int> existing = ExistingLoopDevices();
   for (int id = 0; id < 4; ++id) {
     if (!existing.count(id)) GTEST_SKIP() << "loop" << id << " does not exist on this host";

@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "fake_writes.h"
-#include "log_capture.h"
+#include "log_recorder.h"
 
 namespace mend_test {
 

@@ -55,7 +55,7 @@ class QueueTuningTest : public ::testing::Test {
     return seen;
   }
 
-  LogCapture logs_;
+  LogRecorder logs_;
 };
 
 TEST_F(QueueTuningTest, SchedulerIsSwitchedToPassThrough) {
@@ -270,6 +270,22 @@ TEST_F(QueueDepthTest, DiskLayoutsAndTheirErrors) {
   EXPECT_TRUE(whole_disk.ok()) << whole_disk.error();
   EXPECT_THAT(fake_writes::Writes(requests_path), ElementsAre("256"));
   EXPECT_TRUE(logs_.Has(VERBOSE, "Partition parent: vdb"));
+
+  // A device-mapper device is followed down to the partition under it.
+  Layout("dm-0", {"dm-0", "sdb/sdb2", "loop3"});
+  fs::create_directories("/sys/block/dm-0/slaves/sdb2");
+  Tags("sdb", "32");
+  Requests("128");
+  logs_.Clear();
+  auto stacked = ConfigureQueueDepth("/dev/block/loop3", kBackingFile);
+  EXPECT_TRUE(stacked.ok()) << stacked.error();
+  EXPECT_THAT(fake_writes::Writes(requests_path), ElementsAre("32"));
+  EXPECT_THAT(logs_.Messages(VERBOSE),
+              ElementsAre(std::string(kBackingFile) + " -> /dev/block/dm-0",
+                          "/dev/block/dm-0 -> /dev/block/sdb2", "Partition parent: sdb",
+                          std::string(kBackingFile) +
+                              " is backed by /dev/sdb and that block device supports queue "
+                              "depth 32"));
 
   struct Case {
     const char* node;

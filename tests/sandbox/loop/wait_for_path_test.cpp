@@ -10,7 +10,7 @@
 #include <cstdlib>
 #include <thread>
 
-#include "log_capture.h"
+#include "log_recorder.h"
 #include "mend_mount_utils.h"
 
 namespace mend_test {
@@ -27,7 +27,7 @@ class WaitForPathTest : public ::testing::Test {
   std::string Path(const std::string& name) const { return std::string(dir_.path) + "/" + name; }
 
   TemporaryDir dir_;
-  LogCapture logs_;
+  LogRecorder logs_;
 };
 
 TEST_F(WaitForPathTest, ReturnsAtOnceForAnExistingPathWithoutLogging) {

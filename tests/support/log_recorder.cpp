@@ -1,4 +1,4 @@
-#include "log_capture.h"
+#include "log_recorder.h"
 
 #include <mutex>
 
@@ -7,11 +7,11 @@ namespace {
 
 // The logger is process-wide, so its records are too.
 std::mutex log_mutex;
-std::vector<LogCapture::Record> log_records;
+std::vector<LogRecorder::Record> log_records;
 
 }  // namespace
 
-LogCapture::LogCapture() {
+LogRecorder::LogRecorder() {
   Clear();
   android::base::SetMinimumLogSeverity(android::base::VERBOSE);
   android::base::SetLogger([](android::base::LogId id, android::base::LogSeverity severity,
@@ -25,17 +25,17 @@ LogCapture::LogCapture() {
   });
 }
 
-LogCapture::~LogCapture() {
+LogRecorder::~LogRecorder() {
   android::base::SetLogger(android::base::StderrLogger);
   android::base::SetMinimumLogSeverity(android::base::INFO);
 }
 
-std::vector<LogCapture::Record> LogCapture::Records() const {
+std::vector<LogRecorder::Record> LogRecorder::Records() const {
   std::lock_guard<std::mutex> lock(log_mutex);
   return log_records;
 }
 
-std::vector<std::string> LogCapture::Messages(android::base::LogSeverity severity) const {
+std::vector<std::string> LogRecorder::Messages(android::base::LogSeverity severity) const {
   std::vector<std::string> messages;
   for (const Record& record : Records()) {
     if (record.severity == severity) messages.push_back(record.message);
@@ -43,7 +43,7 @@ std::vector<std::string> LogCapture::Messages(android::base::LogSeverity severit
   return messages;
 }
 
-size_t LogCapture::Count(android::base::LogSeverity severity, const std::string& message) const {
+size_t LogRecorder::Count(android::base::LogSeverity severity, const std::string& message) const {
   size_t count = 0;
   for (const Record& record : Records()) {
     if (record.severity == severity && record.message == message) ++count;
@@ -51,7 +51,7 @@ size_t LogCapture::Count(android::base::LogSeverity severity, const std::string&
   return count;
 }
 
-void LogCapture::Clear() {
+void LogRecorder::Clear() {
   std::lock_guard<std::mutex> lock(log_mutex);
   log_records.clear();
 }

@@ -7,9 +7,10 @@
 
 namespace mend_test {
 
-// Collects the records that LOG() produces while it lives (VERBOSE and up)
-// and still prints them, so a failing test shows its log.
-class LogCapture {
+// Collects the records that LOG() produces while it lives (VERBOSE and up),
+// with severity and source file, from any thread, and still prints them so a
+// failing test shows its log. (LogCapture keeps only "W message" lines.)
+class LogRecorder {
  public:
   struct Record {
     android::base::LogSeverity severity;
@@ -17,10 +18,10 @@ class LogCapture {
     std::string message;
   };
 
-  LogCapture();
-  ~LogCapture();
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
+  LogRecorder();
+  ~LogRecorder();
+  LogRecorder(const LogRecorder&) = delete;
+  LogRecorder& operator=(const LogRecorder&) = delete;
 
   std::vector<Record> Records() const;
   // Messages at `severity`, in order.
