@@ -61,10 +61,9 @@ SandboxOutcome RunCurrentTestInSandbox(const SandboxLayout& layout) {
     return SandboxOutcome::kSkipped;
   }
   if (!exited_cleanly || run.output.find("[  PASSED  ] 1 test.") == std::string::npos) {
-    ADD_FAILURE() << filter << " failed in the sandbox"
-                  << (run.timed_out ? " (timed out)" : "")
-                  << (run.rebooted ? " (sandbox ended early)" : "")
-                  << ", exit code " << run.exit_code << " (its output is above)";
+    ADD_FAILURE() << filter << " failed in the sandbox" << (run.timed_out ? " (timed out)" : "")
+                  << (run.rebooted ? " (sandbox ended early)" : "") << ", exit code "
+                  << run.exit_code << " (its output is above)";
   }
   return SandboxOutcome::kDone;
 }

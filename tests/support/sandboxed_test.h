@@ -41,12 +41,12 @@ bool InSandbox();
 }  // namespace mend_test
 
 // MEND_RUN_IN_SANDBOX() or MEND_RUN_IN_SANDBOX(mend_test::WithFakeSys()).
-#define MEND_RUN_IN_SANDBOX(...)                                                            \
+#define MEND_RUN_IN_SANDBOX(...)                                                           \
   switch (::mend_test::RunCurrentTestInSandbox(::mend_test::SandboxLayout{__VA_ARGS__})) { \
-    case ::mend_test::SandboxOutcome::kRunHere:                                           \
+    case ::mend_test::SandboxOutcome::kRunHere:                                            \
       break;                                                                               \
-    case ::mend_test::SandboxOutcome::kSkipped:                                           \
+    case ::mend_test::SandboxOutcome::kSkipped:                                            \
       GTEST_SKIP() << "skipped in the sandbox";                                            \
-    case ::mend_test::SandboxOutcome::kDone:                                              \
+    case ::mend_test::SandboxOutcome::kDone:                                               \
       return;                                                                              \
   }

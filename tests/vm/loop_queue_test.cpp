@@ -1,13 +1,12 @@
 // Loop devices and their block queue tuning on the virtual device's kernel:
 // runs inside the guest as root, with /data on an ext4 virtio disk, the
 // kernel's own sysfs and /dev/block nodes kept by the guest's listener.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <android-base/file.h>
 #include <android-base/strings.h>
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <linux/loop.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
@@ -90,8 +89,10 @@ TEST(GuestLoopTest, TunesTheQueueAfterTheVirtioDisk) {
     // The file is on the whole disk vda, which has no parent entry.
     EXPECT_THAT(logs.Messages(VERBOSE),
                 ElementsAre(path + " -> /dev/block/vda", "Partition parent: vda",
-                            path + " is backed by /dev/vda and that block device supports "
-                                   "queue depth " + disk_tags));
+                            path +
+                                " is backed by /dev/vda and that block device supports "
+                                "queue depth " +
+                                disk_tags));
     EXPECT_THAT(QueueAttribute(name, "queue/scheduler"), HasSubstr("[none]"));
     EXPECT_EQ(QueueAttribute(name, "queue/read_ahead_kb"), "128");
     // The loop queue cannot grow past its own tags; a refused increase is
@@ -127,9 +128,9 @@ TEST(GuestLoopTest, BuffersOnlyOnListedFileSystems) {
   ASSERT_FALSE(refused.ok());
   EXPECT_EQ(refused.error().message(), "Failed to open " + plain + ": Invalid argument");
 
-  ASSERT_EQ(mount("overlay", "/loop_overlay", "overlay", MS_RDONLY,
-                  "lowerdir=/loop_plain:/loop_empty"),
-            0)
+  ASSERT_EQ(
+      mount("overlay", "/loop_overlay", "overlay", MS_RDONLY, "lowerdir=/loop_plain:/loop_empty"),
+      0)
       << strerror(errno);
   const std::string layered = "/loop_overlay/image";
   std::string name;

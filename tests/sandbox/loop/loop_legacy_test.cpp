@@ -74,18 +74,16 @@ TEST_F(LoopLegacyTest, EachFailedStepDetachesButBlockSizeIsOptional) {
     int error;
     const char* message;
   };
-  for (const Step& step :
-       {Step{BLKFLSBUF, EIO, "Failed to flush buffers on the loop device"},
-        Step{LOOP_SET_STATUS64, EPERM, "Failed to LOOP_SET_STATUS64"},
-        Step{LOOP_SET_FD, EBADF, "Failed to LOOP_SET_FD"}}) {
+  for (const Step& step : {Step{BLKFLSBUF, EIO, "Failed to flush buffers on the loop device"},
+                           Step{LOOP_SET_STATUS64, EPERM, "Failed to LOOP_SET_STATUS64"},
+                           Step{LOOP_SET_FD, EBADF, "Failed to LOOP_SET_FD"}}) {
     SCOPED_TRACE(step.message);
     logs_.Clear();
     ASSERT_TRUE(FailIoctl(step.request, step.error));
     auto device = CreateLoopDevice(path, 0, 65536);
     ASSERT_FALSE(device.ok());
     EXPECT_EQ(device.error().code(), step.error);
-    EXPECT_EQ(device.error().message(),
-              std::string(step.message) + ": " + strerror(step.error));
+    EXPECT_EQ(device.error().message(), std::string(step.message) + ": " + strerror(step.error));
     EXPECT_TRUE(logs_.Has(WARNING, step.message));
     EXPECT_THAT(LoopDevicesBackedBy(token_), IsEmpty());
   }

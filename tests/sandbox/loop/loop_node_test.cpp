@@ -84,8 +84,8 @@ TEST_F(LoopNodeTest, WaitsForAMissingNodeOnlyUntilColdBootIsDone) {
     device = CreateLoopDevice(path, 0, 4096);
     returned = true;
   });
-  const bool kept_waiting = WaitUntil([&] { return NotReadyDevices().size() >= 8; },
-                                      std::chrono::seconds(5));
+  const bool kept_waiting =
+      WaitUntil([&] { return NotReadyDevices().size() >= 8; }, std::chrono::seconds(5));
   EXPECT_TRUE(kept_waiting);
   EXPECT_FALSE(returned);
   const size_t before_done = NotReadyDevices().size();
@@ -113,8 +113,8 @@ TEST_F(LoopNodeTest, OpensANodeThatAppearsLateAndPrefersDevBlock) {
   const int number = NotReadyDevices()[0];
   const std::string name = "loop" + std::to_string(number);
   unsigned major_number = 0, minor_number = 0;
-  ASSERT_EQ(sscanf(ReadFileOrEmpty("/sys/block/" + name + "/dev").c_str(), "%u:%u",
-                   &major_number, &minor_number),
+  ASSERT_EQ(sscanf(ReadFileOrEmpty("/sys/block/" + name + "/dev").c_str(), "%u:%u", &major_number,
+                   &minor_number),
             2);
   ASSERT_TRUE(MakeBlockNode("/dev/" + name, makedev(major_number, minor_number)));
   ASSERT_TRUE(MakeBlockNode("/dev/block/" + name, makedev(major_number, minor_number)));
@@ -132,8 +132,8 @@ std::set<int> ExistingLoopDevices() {
   for (const auto& entry : fs::directory_iterator("/dev")) {
     const std::string name = entry.path().filename();
     int id = 0;
-    if (android::base::StartsWith(name, "loop") &&
-        android::base::ParseInt(name.substr(4), &id) && entry.is_block_file()) {
+    if (android::base::StartsWith(name, "loop") && android::base::ParseInt(name.substr(4), &id) &&
+        entry.is_block_file()) {
       ids.insert(id);
     }
   }

@@ -41,7 +41,9 @@ AssertionResult RunOrFail(const std::vector<std::string>& argv) {
   return AssertionFailure() << android::base::Join(argv, ' ') << " exited with " << status;
 }
 
-std::string ScratchImage(const char* kind) { return "/tmp/" + std::string(kind) + "-" + UniqueToken() + ".img"; }
+std::string ScratchImage(const char* kind) {
+  return "/tmp/" + std::string(kind) + "-" + UniqueToken() + ".img";
+}
 
 AssertionResult MakeDirs(const std::string& dir) {
   std::error_code error;
@@ -87,7 +89,9 @@ AssertionResult MountExt4(const std::string& dir, std::string* image_path) {
 AssertionResult MountSquashfs(const std::string& source_dir, const std::string& dir) {
   const std::string image = ScratchImage("squashfs");
   if (auto made = MakeDirs(dir); !made) return made;
-  if (auto made = RunOrFail({"mksquashfs", source_dir, image, "-quiet", "-no-progress", "-noappend"}); !made) {
+  if (auto made =
+          RunOrFail({"mksquashfs", source_dir, image, "-quiet", "-no-progress", "-noappend"});
+      !made) {
     return made;
   }
   return RunOrFail({"mount", "-t", "squashfs", "-o", "loop,ro", image, dir});
@@ -246,8 +250,8 @@ uint64_t DeviceSize(const std::string& device_path) {
 }
 
 std::string BlockAttribute(const std::string& device_path, const std::string& relative) {
-  return android::base::Trim(ReadFileOrEmpty("/sys/block/" + android::base::Basename(device_path) +
-                                             "/" + relative));
+  return android::base::Trim(
+      ReadFileOrEmpty("/sys/block/" + android::base::Basename(device_path) + "/" + relative));
 }
 
 bool WaitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
@@ -277,7 +281,8 @@ AssertionResult FailIoctl(unsigned long request, int error) {
       BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_ioctl, 0, 3),
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[1])),
       BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<uint32_t>(request), 0, 1),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | (static_cast<uint32_t>(error) & SECCOMP_RET_DATA)),
+      BPF_STMT(BPF_RET | BPF_K,
+               SECCOMP_RET_ERRNO | (static_cast<uint32_t>(error) & SECCOMP_RET_DATA)),
       BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
   };
   sock_fprog program = {static_cast<unsigned short>(sizeof(filter) / sizeof(filter[0])), filter};

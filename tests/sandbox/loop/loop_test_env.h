@@ -82,5 +82,4 @@ bool WaitUntil(const std::function<bool()>& done,
 // True when /sys is a plain directory tree rather than the kernel's sysfs.
 bool SysIsFake();
 
-
 }  // namespace mend_test

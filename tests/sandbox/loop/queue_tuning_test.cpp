@@ -210,7 +210,10 @@ TEST_F(QueueDepthTest, FollowsTheDiskUnderTheBackingFile) {
       // A queue that is shallower than the disk's may stay so.
       {"32", "64", true, {"64"}, nullptr},
       {"128", "32", false, {"32"}, nullptr},
-      {"128", "32", true, {"32"},
+      {"128",
+       "32",
+       true,
+       {"32"},
        "Failed to write 32 to /sys/block/loop3/queue/nr_requests: Invalid argument"},
       // nr_requests takes hex but reads "010" as ten; nr_tags follows C's
       // prefixes, so "010" is octal there.
@@ -249,12 +252,12 @@ TEST_F(QueueDepthTest, FollowsTheDiskUnderTheBackingFile) {
   Requests("64");
   logs_.Clear();
   ASSERT_TRUE(ConfigureQueueDepth("/dev/loop3", kBackingFile).ok());
-  EXPECT_THAT(logs_.Messages(VERBOSE),
-              ElementsAre(std::string(kBackingFile) + " -> /dev/block/sda3",
-                          "Partition parent: sda",
-                          std::string(kBackingFile) +
-                              " is backed by /dev/sda and that block device supports queue "
-                              "depth 64"));
+  EXPECT_THAT(
+      logs_.Messages(VERBOSE),
+      ElementsAre(std::string(kBackingFile) + " -> /dev/block/sda3", "Partition parent: sda",
+                  std::string(kBackingFile) +
+                      " is backed by /dev/sda and that block device supports queue "
+                      "depth 64"));
 }
 
 TEST_F(QueueDepthTest, DiskLayoutsAndTheirErrors) {
@@ -298,10 +301,12 @@ TEST_F(QueueDepthTest, DiskLayoutsAndTheirErrors) {
   const Case cases[] = {
       {"sdc1", {"sdc1!", "sda/sda1"}, kBackingFile, "Failed to determine parent of sdc1", 0},
       {"sdd1", {"sda/sda1"}, kBackingFile, "Failed to determine parent of sdd1", 0},
-      {"sda1", {"sda/sda1"}, kBackingFile,
-       "Failed to read /sys/class/block/sda/mq/0/nr_tags", 0},
-      {"sda1", {"sda/sda1"}, "/tmp/missing.img",
-       "stat(/tmp/missing.img): No such file or directory", ENOENT},
+      {"sda1", {"sda/sda1"}, kBackingFile, "Failed to read /sys/class/block/sda/mq/0/nr_tags", 0},
+      {"sda1",
+       {"sda/sda1"},
+       "/tmp/missing.img",
+       "stat(/tmp/missing.img): No such file or directory",
+       ENOENT},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.node) + " for " + c.file);

@@ -18,7 +18,6 @@ namespace {
 
 using android::base::INFO;
 using android::rpk::WaitForPath;
-using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
 
@@ -29,14 +28,6 @@ class WaitForPathTest : public ::testing::Test {
   TemporaryDir dir_;
   LogRecorder logs_;
 };
-
-TEST_F(WaitForPathTest, ReturnsAtOnceForAnExistingPathWithoutLogging) {
-  ASSERT_TRUE(android::base::WriteStringToFile("", Path("present")));
-  android::base::Timer timer;
-  EXPECT_TRUE(WaitForPath(Path("present"), std::chrono::seconds(20)).ok());
-  EXPECT_LT(timer.duration(), std::chrono::milliseconds(100));
-  EXPECT_THAT(logs_.Records(), IsEmpty());
-}
 
 TEST_F(WaitForPathTest, LogsHowLongAPathTookToAppear) {
   const std::string path = Path("late");

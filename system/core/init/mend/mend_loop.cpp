@@ -6,10 +6,9 @@
 #include <android-base/properties.h>
 #include <android-base/stringprintf.h>
 #include <android-base/strings.h>
-#include <libdm/dm.h>
-
 #include <dirent.h>
 #include <fcntl.h>
+#include <libdm/dm.h>
 #include <linux/fs.h>
 #include <linux/loop.h>
 #include <linux/magic.h>
@@ -66,14 +65,13 @@ void ProbeLoopConfigure(int device_fd) {
   }
 }
 
-// File systems that cannot serve O_DIRECT but whose page cache is cheap or
-// already compressed, so a buffered loop device on them is acceptable.
+// The read-only and stacking file systems on which a buffered loop device is
+// accepted when they do not serve O_DIRECT; anywhere else that is an error.
 bool AllowsBufferedLoop(const std::string& target) {
   struct statfs fs;
   if (statfs(target.c_str(), &fs) == -1) return false;
   const auto magic = static_cast<uint32_t>(fs.f_type);
-  return magic == SQUASHFS_MAGIC || magic == OVERLAYFS_SUPER_MAGIC ||
-         magic == EROFS_SUPER_MAGIC_V1;
+  return magic == SQUASHFS_MAGIC || magic == OVERLAYFS_SUPER_MAGIC || magic == EROFS_SUPER_MAGIC_V1;
 }
 
 // Logs `what` and returns it as an error carrying the current errno.
@@ -88,9 +86,7 @@ struct DirCloser {
 };
 using UniqueDir = std::unique_ptr<DIR, DirCloser>;
 
-bool IsDotEntry(const char* name) {
-  return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
-}
+bool IsDotEntry(const char* name) { return strcmp(name, ".") == 0 || strcmp(name, "..") == 0; }
 
 // The /dev/block node whose device number is `dev`, e.g. the disk or
 // partition that holds a file.
@@ -238,7 +234,7 @@ Result<void> PreAllocateLoopDevices(size_t num) {
 }
 
 Result<LoopbackRepairDeviceUniqueFd> CreateLoopDevice(const std::string& target,
-                                                     uint32_t image_offset, size_t image_size) {
+                                                      uint32_t image_offset, size_t image_size) {
   LOG(WARNING) << "CreateLoopDevice start";
   unique_fd control(open(kLoopControl, O_RDWR | O_CLOEXEC));
   if (control.get() == -1) return ErrnoError() << "Failed to open loop-control";
@@ -348,8 +344,8 @@ Result<void> ConfigureLoopDevice(int device_fd, const std::string& target, uint3
 }
 
 Result<LoopbackRepairDeviceUniqueFd> CreateAndConfigureLoopDevice(const std::string& target,
-                                                                 uint32_t image_offset,
-                                                                 size_t image_size) {
+                                                                  uint32_t image_offset,
+                                                                  size_t image_size) {
   LOG(WARNING) << "CreateAndConfigureLoopDevice start";
   Result<LoopbackRepairDeviceUniqueFd> loop_device =
       CreateLoopDevice(target, image_offset, image_size);
