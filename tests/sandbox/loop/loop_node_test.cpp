@@ -15,6 +15,8 @@
 #include <sys/sysmacros.h>
 
 #include <atomic>
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <regex>
 #include <set>
@@ -146,6 +148,9 @@ TEST(PreAllocateLoopDevicesTest, CountsIdleDevicesAndAllocatesTheRest) {
   MEND_RUN_IN_SANDBOX(WithFakeSys());
   ASSERT_TRUE(SysIsFake());
   LogRecorder logs;
+  // Opening the control node loads the driver, which makes its first devices.
+  android::base::unique_fd control(open("/dev/loop-control", O_RDWR | O_CLOEXEC));
+  ASSERT_NE(control.get(), -1) << strerror(errno);
   const std::set<int> existing = ExistingLoopDevices();
   for (int id = 0; id < 4; ++id) {
     if (!existing.count(id)) GTEST_SKIP() << "loop" << id << " does not exist on this host";
@@ -179,7 +184,6 @@ TEST(PreAllocateLoopDevicesTest, CountsIdleDevicesAndAllocatesTheRest) {
   for (int id : ExistingLoopDevices()) {
     if (!existing.count(id)) created.insert(id);
   }
-  android::base::unique_fd control(open("/dev/loop-control", O_RDWR | O_CLOEXEC));
   for (int id : created) ioctl(control.get(), LOOP_CTL_REMOVE, id);
 
   ASSERT_TRUE(allocated.ok()) << allocated.error();
