@@ -1,5 +1,6 @@
 #include "zip_builder.h"
 
+#include <ziparchive/zip_archive.h>
 #include <ziparchive/zip_writer.h>
 
 #include <cstdio>
@@ -31,6 +32,24 @@ void WriteZip(const std::string& path, const std::vector<ZipMember>& members) {
   }
   if (writer.Finish() != 0) Fail("cannot finish " + path);
   fclose(file);
+}
+
+std::string ReadZipMember(const std::string& path, const std::string& name) {
+  ZipArchiveHandle handle = nullptr;
+  if (OpenArchive(path.c_str(), &handle) != 0) Fail("cannot open zip " + path);
+  ZipEntry entry;
+  std::string data;
+  if (FindEntry(handle, name, &entry) == 0) {
+    data.resize(entry.uncompressed_length);
+    if (ExtractToMemory(handle, &entry, reinterpret_cast<uint8_t*>(data.data()),
+                        entry.uncompressed_length) != 0) {
+      Fail("cannot extract " + name + " from " + path);
+    }
+  } else {
+    Fail("no " + name + " in " + path);
+  }
+  CloseArchive(handle);
+  return data;
 }
 
 std::string ReadWholeFile(const std::string& path) {

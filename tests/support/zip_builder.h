@@ -16,6 +16,9 @@ struct ZipMember {
 // I/O failure (there is nothing sensible to test after that).
 void WriteZip(const std::string& path, const std::vector<ZipMember>& members);
 
+// The bytes of member `name` of the zip at `path`; aborts when absent.
+std::string ReadZipMember(const std::string& path, const std::string& name);
+
 std::string ReadWholeFile(const std::string& path);
 void WriteWholeFile(const std::string& path, const std::string& content);
 

@@ -3,18 +3,31 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <android-base/chrono_utils.h>
 #include <android-base/logging.h>
+#include <android-base/stringprintf.h>
 #include <android-base/unique_fd.h>
+#include <dirent.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
+#include <optional>
+#include <unordered_set>
+#include <vector>
+
+#include "mend_loop.h"
 
 namespace android {
 namespace rpk {
 
+using android::base::boot_clock;
 using android::base::ErrnoError;
 using android::base::Error;
 using android::base::Result;
+using android::base::StringPrintf;
 using android::base::unique_fd;
 using android::dm::DeviceMapper;
 using android::dm::DmDeviceState;
@@ -164,14 +177,137 @@ bool MountedRpkDatabase::MountedRpkData::operator<(const MountedRpkData& other) 
          std::tie(other.loop_name, other.full_path, other.mount_point, other.device_name);
 }
 
+namespace {
+
+// Built-in package directories and the names of shared-library packages,
+// kept for the registry; the mount path does not consult them.
+const std::vector<std::string> kBuiltinDirs = {"/system/apex", "/system_ext/apex", "/product/apex",
+                                               "/vendor/apex"};
+const std::unordered_set<std::string> kSharedLibsNames = {"sharedlibs"};
+std::optional<RpkConfig> gSharedConfig;
+MountedRpkDatabase gMountedRpkDatabase;
+
+struct DirCloser {
+  void operator()(DIR* dir) const { closedir(dir); }
+};
+
+constexpr const char kTrialDeviceName[] = "tmp";
+constexpr int kLoopCreateAttempts = 3;
+
+// Refuses a mount point that exists but cannot be read or holds anything.
+Result<void> CheckMountPointIsEmpty(const std::string& mount_point) {
+  struct stat st;
+  if (stat(mount_point.c_str(), &st) != 0) {
+    if (errno == ENOENT) return {};
+    return Error() << "Failed to access " << mount_point << " : " << strerror(errno);
+  }
+  std::unique_ptr<DIR, DirCloser> dir(opendir(mount_point.c_str()));
+  if (!dir) {
+    return Error() << "Can't open " << mount_point << " for reading : " << strerror(errno);
+  }
+  while (struct dirent* entry = readdir(dir.get())) {
+    if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
+    return Error() << mount_point << " is not empty";
+  }
+  return {};
+}
+
+// The first loop device of up to three attempts; an empty holder when all
+// fail (the verity step then fails on the missing device).
+loop::LoopbackRepairDeviceUniqueFd AttachImage(const RpkFile& rpk) {
+  for (int attempt = 0; attempt < kLoopCreateAttempts; ++attempt) {
+    auto device = loop::CreateAndConfigureLoopDevice(
+        rpk.GetPath(), static_cast<uint32_t>(*rpk.GetImageOffset()), *rpk.GetImageSize());
+    if (device.ok()) return std::move(*device);
+  }
+  return {};
+}
+
+}  // namespace
+
+// Directory of separate hashtree files. Nothing assigns it: no package ships
+// a separate tree, so the name below is never used.
+const char* gRpkHashTreeDir = nullptr;
+
+std::string GetHashTreeFileName(const RpkFile& /*rpk*/, bool /*is_temp*/) {
+  return StringPrintf("%s/%s", gRpkHashTreeDir, "rpk");
+}
+
+Result<MountedRpkDatabase::MountedRpkData> MountPackageImpl(
+    const RpkFile& rpk, const std::string& mount_point, const std::string& device_name,
+    const std::string& /*hashtree_file*/, bool /*verify_image*/, bool /*reuse_device*/,
+    bool temp_mount) {
+  const auto start = boot_clock::now();
+  if (auto empty = CheckMountPointIsEmpty(mount_point); !empty.ok()) return empty.error();
+  if (!rpk.GetImageOffset() || !rpk.GetImageSize()) {
+    return Error() << "Cannot create mount point without image offset and size";
+  }
+  if (auto ready = loop::PreAllocateLoopDevices(2); !ready.ok()) {
+    LOG(ERROR) << "Failed to pre allocate loop devices , error: " << ready.error();
+  }
+
+  loop::LoopbackRepairDeviceUniqueFd loop_device = AttachImage(rpk);
+  LOG(VERBOSE) << "Loopback device created: " << loop_device.name;
+
+  auto verity_data = rpk.VerifyRpkVerity(rpk.GetPublicKey());
+  if (!verity_data.ok()) {
+    return Error() << " Failed to verify rpk Verity data for " << rpk.GetPath() << ": "
+                   << verity_data.error();
+  }
+
+  auto table = CreateVerityTable(*verity_data, loop_device.name, loop_device.name, !temp_mount);
+  DmVerityDevice verity_device;
+  {
+    auto created = CreateVerityDevice(device_name, *table, false);
+    if (!created.ok()) return Error() << " Failed to create Verity device " << rpk.GetPath();
+    verity_device = std::move(*created);
+  }
+  if (auto tuned = loop::ConfigureReadAhead(verity_device.GetDevPath()); !tuned.ok()) {
+    return tuned.error();
+  }
+
+  // dm-verity checks every block it hands out, so reading the whole device
+  // proves the image before anything is mounted.
+  if (!ReadVerityDevice(verity_device.GetDevPath(), verity_data->desc->image_size).ok()) {
+    return Error() << " verity_status block_device " << 1;
+  }
+
+  if (temp_mount) {
+    LOG(INFO) << " First_mount  End";
+    return MountedRpkDatabase::MountedRpkData();
+  }
+
+  if (!rpk.GetFsType()) return Error() << "Cannot mount package without FsType";
+  if (mount(verity_device.GetDevPath().c_str(), mount_point.c_str(), rpk.GetFsType()->c_str(),
+            MS_RDONLY, nullptr) != 0) {
+    return Error() << "second mounting failed for package " << rpk.GetPath();
+  }
+  const auto end = boot_clock::now();
+  LOG(VERBOSE) << "Mounted " << rpk.GetPath() << " on " << mount_point << " in "
+               << std::chrono::duration_cast<std::chrono::milliseconds>(end - start).count()
+               << "ms";
+
+  // Success: the loop and verity devices now belong to the mount.
+  loop_device.CloseGood();
+  verity_device.Release();
+  return MountedRpkDatabase::MountedRpkData(loop_device.name, rpk.GetPath(), mount_point,
+                                             device_name, "", temp_mount);
+}
+
 Result<MountedRpkDatabase::MountedRpkData> DoMountPackage(const std::string& path,
                                                           const std::string& mount_point,
                                                           const std::string& device_name) {
-  auto file = RpkFile::Open(path);
-  if (!file.ok()) return file.error();
-  // Placeholder until the mount pipeline lands.
-  return Error() << "first mount failed mount pipeline not built for " << mount_point << " "
-                 << device_name;
+  auto rpk = RpkFile::Open(path);
+  if (!rpk.ok()) return rpk.error();
+
+  GetHashTreeFileName(*rpk, false);
+  auto trial = MountPackageImpl(*rpk, mount_point, kTrialDeviceName, "", true, false, true);
+  if (!trial.ok()) return Error() << "first mount failed " << trial.error();
+
+  GetHashTreeFileName(*rpk, false);
+  auto mounted = MountPackageImpl(*rpk, mount_point, device_name, "", true, false, false);
+  if (!mounted.ok()) return Error() << "second mount failed " << mounted.error();
+  return mounted;
 }
 
 }  // namespace rpk

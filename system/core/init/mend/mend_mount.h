@@ -91,6 +91,19 @@ class MountedRpkDatabase {
   std::map<std::string, std::map<MountedRpkData, bool>> mounted_rpks_;
 };
 
+// One pass of the mount: loop device, AVB check, verity device named
+// `device_name` and a full read through it. A trial pass (`temp_mount`) then
+// tears everything down; the real pass mounts the device read-only at
+// `mount_point` and keeps loop and verity devices. `hashtree_file`,
+// `verify_image` and `reuse_device` are accepted and not used.
+android::base::Result<MountedRpkDatabase::MountedRpkData> MountPackageImpl(
+    const RpkFile& rpk, const std::string& mount_point, const std::string& device_name,
+    const std::string& hashtree_file, bool verify_image, bool reuse_device, bool temp_mount);
+
+// Name of a separate hashtree file for the package; no package ships one,
+// so nothing uses the name.
+std::string GetHashTreeFileName(const RpkFile& rpk, bool is_temp);
+
 // Opens the package at `path`, proves its image in a trial pass on a scratch
 // verity device, then mounts it read-only at `mount_point` on a verity
 // device named `device_name`.

@@ -1,0 +1,87 @@
+#include "daemon_records.h"
+
+#include <regex>
+#include <sstream>
+
+namespace mend_test {
+
+std::vector<std::string> DaemonLog(const std::string& output) {
+  // Log records on Linux start "TAG P MM-DD HH:MM:SS  pid  tid message". A
+  // message with line breaks continues on lines without that header, which
+  // cannot be told from other output (a kernel console, a harness): only
+  // the first line of each record is kept.
+  static const std::regex header(R"(^(\S+) ([VDIWEF]) \d\d-\d\d \d\d:\d\d:\d\d +\d+ +\d+ (.*)$)");
+  std::vector<std::string> lines;
+  std::istringstream in(output);
+  std::string line;
+  while (std::getline(in, line)) {
+    std::smatch m;
+    if (std::regex_match(line, m, header) && m[1] == "mend_log" && m[2] == "I") {
+      lines.push_back(m[3]);
+    }
+  }
+  return lines;
+}
+
+bool HasLine(const std::vector<std::string>& lines, const std::string& wanted) {
+  for (const auto& line : lines) {
+    if (line == wanted) return true;
+  }
+  return false;
+}
+
+bool HasInOrder(const std::vector<std::string>& lines, const std::vector<std::string>& wanted) {
+  size_t next = 0;
+  for (const auto& line : lines) {
+    if (next < wanted.size() && line == wanted[next]) ++next;
+  }
+  return next == wanted.size();
+}
+
+namespace {
+
+std::string JsonEscape(const std::string& text) {
+  std::string out;
+  for (char c : text) {
+    if (c == '"' || c == '\\') out += '\\';
+    out += c;
+  }
+  return out;
+}
+
+}  // namespace
+
+std::string NativeLine(const std::string& name, const std::string& file, int task_id,
+                       const std::string& response_content, int version_code) {
+  std::ostringstream line;
+  line << "{\"image_path\":\"/data/rvx/imgs/" << file
+       << "\",\"msg_source\":\"mend\",\"msg_type\":256,\"need_response\":false,"
+       << "\"response_content\":\"" << JsonEscape(response_content) << "\",\"task_id\":" << task_id
+       << ",\"update_package_name\":\"" << name << "\",\"update_version_code\":" << version_code
+       << "}";
+  return line.str();
+}
+
+std::string SpRecord::Line() const {
+  auto flag = [](bool b) { return b ? "true" : "false"; };
+  std::ostringstream line;
+  line << "{\"boot_failed_count\":" << boot_failed_count
+       << ",\"cancel_task_id\":0,\"first_report\":false,\"image_path\":\"" << image_path
+       << "\",\"is_async_repair\":false,\"is_boot_success\":" << flag(is_boot_success)
+       << ",\"is_repair_success\":" << flag(is_repair_success)
+       << ",\"need_cancel\":" << flag(need_cancel) << ",\"need_delete\":" << flag(need_delete)
+       << ",\"reboot_type\":0,\"task_id\":" << task_id << ",\"update_package_name\":\"" << name
+       << "\",\"update_version_code\":" << version_code << "}";
+  return line.str();
+}
+
+std::string PackageConfig(const std::string& name, const std::string& extra) {
+  return "update_package_name=" + name +
+         "\nupdate_version_name=1.0.2\nupdate_version_code=3\nmodule_num=2\n"
+         "module_name=libfix;appfix\nmodule_path=/system/lib64;/system/app\nfix_method=overlay\n"
+         "ro_build_display_id=BUILD.A.001;BUILD.A.002\ntrigger_rollback_count=3\n"
+         "structure_version=1\nis_async_exec=0\n" +
+         extra;
+}
+
+}  // namespace mend_test
