@@ -1,0 +1,10 @@
+#include "commands.h"
+
+namespace rpktool {
+
+int RunVerify(const std::vector<std::string>&) {
+  ReportError("verify", "not built yet");
+  return kExitFailure;
+}
+
+}  // namespace rpktool
