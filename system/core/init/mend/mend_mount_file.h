@@ -31,6 +31,12 @@ struct RpkVerityData {
   std::string root_digest;  // lowercase hex
 };
 
+// Hashtree parameters of the first hashtree descriptor in `vbmeta` (a whole
+// vbmeta block of `vbmeta_size` bytes whose signature was already checked).
+// Every length read from the block is checked against its end.
+android::base::Result<RpkVerityData> VerityDataFromVbmeta(const uint8_t* vbmeta,
+                                                          size_t vbmeta_size);
+
 // Package configuration record of the engine; nothing on the mount path
 // fills or reads it.
 struct RpkConfig {
@@ -42,8 +48,11 @@ struct RpkConfig {
 // device's trusted key. Holds no open resources.
 class RpkFile {
  public:
+  // Locates the image member of the package zip at `path` and loads the
+  // device's trusted key from kRpkPublicKeyPath.
   static android::base::Result<RpkFile> Open(const std::string& path);
-  // As Open, but trusts `public_key_hex` instead of reading the device's key
+  // As Open, but trusts `public_key_hex` (lowercase hex of a key blob, as
+  // BytesToHex gives it; may be empty) instead of reading the device's key
   // file: for offline tools that take the key from their command line.
   static android::base::Result<RpkFile> OpenWithPublicKey(const std::string& path,
                                                           const std::string& public_key_hex);
@@ -60,6 +69,13 @@ class RpkFile {
   const std::optional<std::string>& GetFsType() const { return fs_type_; }
 
  private:
+  // The RpkFile of the package at `path` (resolved to its real path) whose
+  // image member was found at `image_offset` with `image_size` bytes.
+  static android::base::Result<RpkFile> FromImageMember(const std::string& path,
+                                                        int32_t image_offset,
+                                                        uint64_t image_size,
+                                                        std::string public_key);
+
   RpkFile(std::string path, std::optional<int32_t> image_offset,
           std::optional<uint64_t> image_size, std::string public_key,
           std::optional<std::string> fs_type)

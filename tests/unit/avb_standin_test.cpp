@@ -1,0 +1,458 @@
+// The verified-boot stand-in on crafted images: each check of the footer,
+// the vbmeta header, the signature and the descriptor walk, with sizes and
+// offsets chosen to overflow or run past the buffer.
+#include <gtest/gtest.h>
+#include <libavb/libavb.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "avb_builder.h"
+#include "avb_fixtures.h"
+#include "zip_builder.h"
+
+namespace mend_test {
+namespace {
+
+const SigningKey& Rsa2048() {
+  static const SigningKey key = SigningKey::FromPemFile(AvbFixture("keys/rsa2048.pem"));
+  return key;
+}
+const SigningKey& Rsa4096() {
+  static const SigningKey key = SigningKey::FromPemFile(AvbFixture("keys/rsa4096.pem"));
+  return key;
+}
+const SigningKey& Rsa8192() {
+  static const SigningKey key =
+      SigningKey::FromPemFile(SourcePath("tests/fixtures/keys/rsa8192.pem"));
+  return key;
+}
+
+const uint8_t* Bytes(const std::string& s) { return reinterpret_cast<const uint8_t*>(s.data()); }
+
+AvbVBMetaVerifyResult Verify(const std::string& block) {
+  const uint8_t* key = nullptr;
+  size_t key_length = 0;
+  return avb_vbmeta_image_verify(Bytes(block), block.size(), &key, &key_length);
+}
+
+std::string SignedBlock(uint32_t algorithm = AVB_ALGORITHM_TYPE_SHA256_RSA2048,
+                        const SigningKey& key = Rsa2048()) {
+  VbmetaSpec spec;
+  spec.algorithm = algorithm;
+  spec.key = &key;
+  spec.descriptors = HashtreeDescriptorBytes({});
+  return BuildVbmeta(spec);
+}
+
+#define HEADER_OFFSET(member) offsetof(AvbVBMetaImageHeader, member)
+
+// ---------------------------------------------------------------------------
+
+TEST(AvbFooterTest, ConvertsFieldsFromAnyAlignment) {
+  const std::string footer = FooterBytes(0x0102030405060708, 0x1122334455667788, 1408, 1, 7);
+  for (size_t misalign : {0, 1, 3}) {
+    std::string buffer(misalign, 'x');
+    buffer += footer;
+    AvbFooter host;
+    ASSERT_TRUE(avb_footer_validate_and_byteswap(
+        reinterpret_cast<const AvbFooter*>(buffer.data() + misalign), &host));
+    EXPECT_EQ(host.version_major, 1u);
+    EXPECT_EQ(host.version_minor, 7u) << "a newer minor version is accepted";
+    EXPECT_EQ(host.original_image_size, 0x0102030405060708u);
+    EXPECT_EQ(host.vbmeta_offset, 0x1122334455667788u);
+    EXPECT_EQ(host.vbmeta_size, 1408u);
+  }
+}
+
+TEST(AvbFooterTest, RefusesBadMagicAndNewerMajorVersion) {
+  AvbFooter host;
+  std::string footer = FooterBytes(1, 2, 3);
+  footer[3] = 'F';
+  EXPECT_FALSE(avb_footer_validate_and_byteswap(reinterpret_cast<const AvbFooter*>(footer.data()),
+                                                &host));
+  footer = FooterBytes(1, 2, 3, 2, 0);
+  EXPECT_FALSE(avb_footer_validate_and_byteswap(reinterpret_cast<const AvbFooter*>(footer.data()),
+                                                &host));
+  footer = FooterBytes(1, 2, 3, 0, 0);
+  EXPECT_TRUE(avb_footer_validate_and_byteswap(reinterpret_cast<const AvbFooter*>(footer.data()),
+                                               &host));
+}
+
+// ---------------------------------------------------------------------------
+
+TEST(VbmetaVerifyTest, EveryAlgorithmVerifiesAndReportsTheEmbeddedKey) {
+  struct Case {
+    uint32_t algorithm;
+    const SigningKey& key;
+  } cases[] = {
+      {AVB_ALGORITHM_TYPE_SHA256_RSA2048, Rsa2048()}, {AVB_ALGORITHM_TYPE_SHA256_RSA4096, Rsa4096()},
+      {AVB_ALGORITHM_TYPE_SHA256_RSA8192, Rsa8192()}, {AVB_ALGORITHM_TYPE_SHA512_RSA2048, Rsa2048()},
+      {AVB_ALGORITHM_TYPE_SHA512_RSA4096, Rsa4096()}, {AVB_ALGORITHM_TYPE_SHA512_RSA8192, Rsa8192()},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.algorithm);
+    const std::string block = SignedBlock(c.algorithm, c.key);
+    const VbmetaLayout layout = LayoutOf(block);
+    const uint8_t* key = nullptr;
+    size_t key_length = 0;
+    ASSERT_EQ(avb_vbmeta_image_verify(Bytes(block), block.size(), &key, &key_length),
+              AVB_VBMETA_VERIFY_RESULT_OK);
+    EXPECT_EQ(key, Bytes(block) + layout.public_key_offset) << "the key points into the buffer";
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(key), key_length),
+              c.key.PublicKeyBlob());
+  }
+}
+
+TEST(VbmetaVerifyTest, BufferMayBeLongerButNotShorterThanTheBlock) {
+  const std::string block = SignedBlock();
+  EXPECT_EQ(Verify(block + std::string(3000, '\0')), AVB_VBMETA_VERIFY_RESULT_OK);
+  EXPECT_EQ(Verify(block.substr(0, block.size() - 1)),
+            AVB_VBMETA_VERIFY_RESULT_INVALID_VBMETA_HEADER);
+  EXPECT_EQ(Verify(block.substr(0, 255)), AVB_VBMETA_VERIFY_RESULT_INVALID_VBMETA_HEADER);
+  EXPECT_EQ(avb_vbmeta_image_verify(nullptr, 0, nullptr, nullptr),
+            AVB_VBMETA_VERIFY_RESULT_INVALID_VBMETA_HEADER);
+}
+
+TEST(VbmetaVerifyTest, UnsignedBlockIsReportedWithoutAKey) {
+  // A signed block relabelled as unsigned: nothing is hashed or returned,
+  // even though hash, signature and key are all there.
+  std::string block = SignedBlock();
+  StoreBe32(&block, HEADER_OFFSET(algorithm_type), AVB_ALGORITHM_TYPE_NONE);
+  const uint8_t* key = Bytes(block);
+  size_t key_length = 99;
+  EXPECT_EQ(avb_vbmeta_image_verify(Bytes(block), block.size(), &key, &key_length),
+            AVB_VBMETA_VERIFY_RESULT_OK_NOT_SIGNED);
+  EXPECT_EQ(key, nullptr);
+  EXPECT_EQ(key_length, 0u);
+
+  VbmetaSpec spec;
+  spec.algorithm = AVB_ALGORITHM_TYPE_NONE;
+  EXPECT_EQ(Verify(BuildVbmeta(spec)), AVB_VBMETA_VERIFY_RESULT_OK_NOT_SIGNED);
+}
+
+TEST(VbmetaVerifyTest, RequiredVersionOutsideThisLibraryIsUnsupported) {
+  for (auto [major, minor] : {std::pair{0u, 0u}, {2u, 0u}, {1u, 4u}, {1u, 0xffffffffu}}) {
+    std::string block = SignedBlock();
+    StoreBe32(&block, HEADER_OFFSET(required_libavb_version_major), major);
+    StoreBe32(&block, HEADER_OFFSET(required_libavb_version_minor), minor);
+    EXPECT_EQ(Verify(block), AVB_VBMETA_VERIFY_RESULT_UNSUPPORTED_VERSION) << major << "." << minor;
+  }
+  VbmetaSpec newest;
+  newest.key = &Rsa2048();
+  newest.required_minor = AVB_VERSION_MINOR;
+  EXPECT_EQ(Verify(BuildVbmeta(newest)), AVB_VBMETA_VERIFY_RESULT_OK);
+}
+
+TEST(VbmetaVerifyTest, HeaderWhoseLayoutDoesNotFitIsInvalid) {
+  const uint64_t kHuge = UINT64_MAX - 63;  // a multiple of 64 that overflows any sum
+  struct Case {
+    const char* what;
+    size_t offset;
+    uint64_t value;
+    bool is_32_bits = false;
+  } cases[] = {
+      {"magic", 0, 0x41564231, true},
+      {"auth size not a multiple of 64", HEADER_OFFSET(authentication_data_block_size), 320 + 8},
+      {"aux size not a multiple of 64", HEADER_OFFSET(auxiliary_data_block_size), 64 * 13 + 1},
+      {"blocks past the buffer", HEADER_OFFSET(auxiliary_data_block_size), 64 * 1000},
+      {"auth size overflows", HEADER_OFFSET(authentication_data_block_size), kHuge},
+      {"aux size overflows", HEADER_OFFSET(auxiliary_data_block_size), kHuge},
+      {"hash past the auth block", HEADER_OFFSET(hash_offset), 300},
+      {"hash range overflows", HEADER_OFFSET(hash_offset), UINT64_MAX - 8},
+      {"signature past the auth block", HEADER_OFFSET(signature_size), 320},
+      {"signature range overflows", HEADER_OFFSET(signature_offset), UINT64_MAX},
+      {"key past the aux block", HEADER_OFFSET(public_key_size), 64 * 13},
+      {"key range overflows", HEADER_OFFSET(public_key_offset), UINT64_MAX - 100},
+      {"key metadata past the aux block", HEADER_OFFSET(public_key_metadata_size), 64 * 13},
+      {"algorithm out of range", HEADER_OFFSET(algorithm_type), _AVB_ALGORITHM_NUM_TYPES, true},
+      {"algorithm far out of range", HEADER_OFFSET(algorithm_type), 0xffffffff, true},
+      {"hash size not the algorithm's", HEADER_OFFSET(algorithm_type),
+       AVB_ALGORITHM_TYPE_SHA512_RSA2048, true},
+  };
+  for (const Case& c : cases) {
+    std::string block = SignedBlock();
+    ASSERT_EQ(block.size(), 256u + 320 + 64 * 13) << "layout the cases assume";
+    if (c.is_32_bits) {
+      StoreBe32(&block, c.offset, static_cast<uint32_t>(c.value));
+    } else {
+      StoreBe64(&block, c.offset, c.value);
+    }
+    EXPECT_EQ(Verify(block), AVB_VBMETA_VERIFY_RESULT_INVALID_VBMETA_HEADER) << c.what;
+  }
+
+  std::string unterminated = SignedBlock();
+  unterminated[HEADER_OFFSET(release_string) + AVB_RELEASE_STRING_SIZE - 1] = 'x';
+  EXPECT_EQ(Verify(unterminated), AVB_VBMETA_VERIFY_RESULT_INVALID_VBMETA_HEADER);
+}
+
+TEST(VbmetaVerifyTest, ChangedSignedBytesGiveHashMismatch) {
+  const std::string block = SignedBlock();
+  const VbmetaLayout layout = LayoutOf(block);
+  for (size_t at : {HEADER_OFFSET(rollback_index) + 7, HEADER_OFFSET(reserved) + 79,
+                    layout.aux_offset + 20, layout.public_key_offset + 100,
+                    layout.auth_offset /* the stored hash */}) {
+    std::string changed = block;
+    changed[at] ^= 0x01;
+    EXPECT_EQ(Verify(changed), AVB_VBMETA_VERIFY_RESULT_HASH_MISMATCH) << "byte " << at;
+  }
+}
+
+TEST(VbmetaVerifyTest, BadSignatureOrUnusableKeyGivesSignatureMismatch) {
+  std::string block = SignedBlock();
+  const VbmetaLayout layout = LayoutOf(block);
+  block[layout.auth_offset + layout.hash_size + 17] ^= 0x40;
+  EXPECT_EQ(Verify(block), AVB_VBMETA_VERIFY_RESULT_SIGNATURE_MISMATCH) << "signature byte";
+
+  // A 2048-bit key under a 4096-bit algorithm: the hash matches, the key
+  // size does not.
+  EXPECT_EQ(Verify(SignedBlock(AVB_ALGORITHM_TYPE_SHA256_RSA4096, Rsa2048())),
+            AVB_VBMETA_VERIFY_RESULT_SIGNATURE_MISMATCH);
+  EXPECT_EQ(Verify(SignedBlock(AVB_ALGORITHM_TYPE_SHA512_RSA2048, Rsa8192())),
+            AVB_VBMETA_VERIFY_RESULT_SIGNATURE_MISMATCH);
+
+  // Signed correctly, but the embedded blob is not the signer's or is not a
+  // usable key at all.
+  const std::string own = Rsa2048().PublicKeyBlob();
+  std::string odd_bits = own;
+  StoreBe32(&odd_bits, 0, 1024);
+  std::string short_by_one = own.substr(0, own.size() - 1);
+  struct Case {
+    const char* what;
+    std::string blob;
+  } cases[] = {
+      {"another key of the same size", ReadWholeFile(AvbFixture("keys/wrong_rsa2048.avbpubkey"))},
+      {"unsupported key size", odd_bits},
+      {"blob one byte short", short_by_one},
+      {"blob with a trailing byte", own + "x"},
+      {"empty blob", ""},
+  };
+  for (const Case& c : cases) {
+    VbmetaSpec spec;
+    spec.key = &Rsa2048();
+    spec.public_key_blob = c.blob;
+    spec.descriptors = HashtreeDescriptorBytes({});
+    EXPECT_EQ(Verify(BuildVbmeta(spec)), AVB_VBMETA_VERIFY_RESULT_SIGNATURE_MISMATCH) << c.what;
+  }
+}
+
+TEST(VbmetaVerifyTest, ResultNames) {
+  EXPECT_STREQ(avb_vbmeta_verify_result_to_string(AVB_VBMETA_VERIFY_RESULT_OK), "OK");
+  EXPECT_STREQ(avb_vbmeta_verify_result_to_string(AVB_VBMETA_VERIFY_RESULT_OK_NOT_SIGNED),
+               "OK_NOT_SIGNED");
+  EXPECT_STREQ(
+      avb_vbmeta_verify_result_to_string(AVB_VBMETA_VERIFY_RESULT_INVALID_VBMETA_HEADER),
+      "INVALID_VBMETA_HEADER");
+  EXPECT_STREQ(avb_vbmeta_verify_result_to_string(AVB_VBMETA_VERIFY_RESULT_UNSUPPORTED_VERSION),
+               "UNSUPPORTED_VERSION");
+  EXPECT_STREQ(avb_vbmeta_verify_result_to_string(AVB_VBMETA_VERIFY_RESULT_HASH_MISMATCH),
+               "HASH_MISMATCH");
+  EXPECT_STREQ(avb_vbmeta_verify_result_to_string(AVB_VBMETA_VERIFY_RESULT_SIGNATURE_MISMATCH),
+               "SIGNATURE_MISMATCH");
+  EXPECT_STREQ(avb_vbmeta_verify_result_to_string(static_cast<AvbVBMetaVerifyResult>(42)),
+               "(unknown)");
+}
+
+TEST(VbmetaVerifyTest, HeaderConvertsToHostOrder) {
+  const std::string block = SignedBlock();
+  AvbVBMetaImageHeader h;
+  avb_vbmeta_image_header_to_host_byte_order(
+      reinterpret_cast<const AvbVBMetaImageHeader*>(block.data()), &h);
+  EXPECT_EQ(h.required_libavb_version_major, 1u);
+  EXPECT_EQ(h.authentication_data_block_size, 320u);
+  EXPECT_EQ(h.algorithm_type, 1u);
+  EXPECT_EQ(h.signature_offset, 32u);
+  EXPECT_EQ(h.public_key_size, 520u);
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(h.release_string)), "mend test 1.0");
+}
+
+TEST(VbmetaVerifyTest, BuilderKeyBlobMatchesTheReferenceKeyFile) {
+  // Guards the crafted images above: their key blobs must be laid out as
+  // the reference tooling lays them out.
+  EXPECT_EQ(Rsa2048().PublicKeyBlob(), ReadWholeFile(AvbFixture("keys/rsa2048.avbpubkey")));
+  EXPECT_EQ(Rsa4096().PublicKeyBlob(), ReadWholeFile(AvbFixture("keys/rsa4096.avbpubkey")));
+}
+
+// ---------------------------------------------------------------------------
+
+struct DescriptorList {
+  std::unique_ptr<const AvbDescriptor*[], void (*)(void*)> all{nullptr, avb_free};
+  size_t count = 99;
+};
+
+DescriptorList GetAll(const std::string& block) {
+  DescriptorList list;
+  list.all.reset(avb_descriptor_get_all(Bytes(block), block.size(), &list.count));
+  return list;
+}
+
+std::string BlockWithDescriptors(const std::string& descriptors) {
+  VbmetaSpec spec;
+  spec.algorithm = AVB_ALGORITHM_TYPE_NONE;
+  spec.descriptors = descriptors;
+  return BuildVbmeta(spec);
+}
+
+// A descriptor header whose length is not a multiple of 8, then that many bytes.
+std::string UnalignedDescriptor() {
+  std::string raw;
+  AppendBe64(&raw, 0);
+  AppendBe64(&raw, 12);
+  return raw + std::string(12, 'u');
+}
+
+TEST(DescriptorWalkTest, ReturnsEveryDescriptorInOrderPointingIntoTheBuffer) {
+  const std::string property = DescriptorBytes(AVB_DESCRIPTOR_TAG_PROPERTY, "key=value");
+  const std::string hashtree = HashtreeDescriptorBytes({});
+  const std::string hash = DescriptorBytes(AVB_DESCRIPTOR_TAG_HASH, std::string(100, 'h'));
+  const std::string block = BlockWithDescriptors(property + hashtree + hash);
+  const size_t area = LayoutOf(block).aux_offset;
+
+  const DescriptorList list = GetAll(block);
+  ASSERT_TRUE(list.all);
+  ASSERT_EQ(list.count, 3u);
+  const uint8_t* base = Bytes(block);
+  EXPECT_EQ(reinterpret_cast<const uint8_t*>(list.all[0]), base + area);
+  EXPECT_EQ(reinterpret_cast<const uint8_t*>(list.all[1]), base + area + property.size());
+  EXPECT_EQ(reinterpret_cast<const uint8_t*>(list.all[2]),
+            base + area + property.size() + hashtree.size());
+  EXPECT_EQ(list.all[3], nullptr);
+
+  AvbDescriptor header;
+  ASSERT_TRUE(avb_descriptor_validate_and_byteswap(list.all[2], &header));
+  EXPECT_EQ(header.tag, uint64_t{AVB_DESCRIPTOR_TAG_HASH});
+  EXPECT_EQ(header.num_bytes_following, 104u);
+}
+
+TEST(DescriptorWalkTest, StopsAtTheFirstBadDescriptorKeepingThoseBefore) {
+  const std::string good = DescriptorBytes(AVB_DESCRIPTOR_TAG_PROPERTY, "a=b");
+  std::string overlong;
+  AppendBe64(&overlong, AVB_DESCRIPTOR_TAG_HASHTREE);
+  AppendBe64(&overlong, UINT64_MAX - 7);  // a multiple of 8 that no area holds
+  struct Case {
+    const char* what;
+    std::string descriptors;
+    size_t expected;
+  } cases[] = {
+      {"unaligned length", good + UnalignedDescriptor() + good, 1},
+      {"body past the area", good + overlong + good, 1},
+      {"header cut by the area's end", good + good.substr(0, 8), 1},
+      {"first one bad", UnalignedDescriptor() + good, 0},
+  };
+  for (const Case& c : cases) {
+    const DescriptorList list = GetAll(BlockWithDescriptors(c.descriptors));
+    ASSERT_TRUE(list.all) << c.what;
+    EXPECT_EQ(list.count, c.expected) << c.what;
+    EXPECT_EQ(list.all[c.expected], nullptr) << c.what;
+  }
+}
+
+TEST(DescriptorWalkTest, UnusableHeaderOrAreaGivesAnEmptyList) {
+  const std::string block = BlockWithDescriptors(HashtreeDescriptorBytes({}));
+  struct Case {
+    const char* what;
+    size_t offset;
+    uint64_t value;
+  } cases[] = {
+      {"area past the buffer", HEADER_OFFSET(descriptors_size), 4096},
+      {"area offset overflows", HEADER_OFFSET(descriptors_offset), UINT64_MAX - 10},
+      {"area size overflows", HEADER_OFFSET(descriptors_size), UINT64_MAX},
+      {"auth size overflows", HEADER_OFFSET(authentication_data_block_size), UINT64_MAX - 63},
+  };
+  for (const Case& c : cases) {
+    std::string changed = block;
+    StoreBe64(&changed, c.offset, c.value);
+    const DescriptorList list = GetAll(changed);
+    ASSERT_TRUE(list.all) << c.what;
+    EXPECT_EQ(list.count, 0u) << c.what;
+    EXPECT_EQ(list.all[0], nullptr) << c.what;
+  }
+  std::string bad_magic = block;
+  bad_magic[0] = 'X';
+  EXPECT_EQ(GetAll(bad_magic).count, 0u);
+  EXPECT_EQ(GetAll(block.substr(0, 255)).count, 0u);
+}
+
+TEST(DescriptorWalkTest, DescriptorHeaderCheckOnlyLooksAtTheLength) {
+  AvbDescriptor header;
+  const std::string unknown_tag = DescriptorBytes(77, "xyz");
+  ASSERT_TRUE(avb_descriptor_validate_and_byteswap(
+      reinterpret_cast<const AvbDescriptor*>(unknown_tag.data()), &header));
+  EXPECT_EQ(header.tag, 77u);
+  EXPECT_EQ(header.num_bytes_following, 8u);
+  const std::string unaligned = UnalignedDescriptor();
+  EXPECT_FALSE(avb_descriptor_validate_and_byteswap(
+      reinterpret_cast<const AvbDescriptor*>(unaligned.data()), &header));
+}
+
+// ---------------------------------------------------------------------------
+
+bool ValidateHashtree(const std::string& bytes, AvbHashtreeDescriptor* out) {
+  return avb_hashtree_descriptor_validate_and_byteswap(
+      reinterpret_cast<const AvbHashtreeDescriptor*>(bytes.data()), out);
+}
+
+TEST(HashtreeDescriptorTest, ConvertsTheFixedPart) {
+  HashtreeFields fields;
+  fields.image_size = 0x123456789000;
+  fields.tree_offset = 0x123456789000;
+  fields.tree_size = 0x4000;
+  fields.data_block_size = 512;
+  fields.hash_block_size = 1024;
+  fields.hash_algorithm = "sha512";
+  AvbHashtreeDescriptor d;
+  ASSERT_TRUE(ValidateHashtree(HashtreeDescriptorBytes(fields), &d));
+  EXPECT_EQ(d.parent_descriptor.tag, uint64_t{AVB_DESCRIPTOR_TAG_HASHTREE});
+  EXPECT_EQ(d.dm_verity_version, 1u);
+  EXPECT_EQ(d.image_size, 0x123456789000u);
+  EXPECT_EQ(d.tree_offset, 0x123456789000u);
+  EXPECT_EQ(d.tree_size, 0x4000u);
+  EXPECT_EQ(d.data_block_size, 512u);
+  EXPECT_EQ(d.hash_block_size, 1024u);
+  EXPECT_EQ(d.partition_name_len, 14u);
+  EXPECT_EQ(d.salt_len, 32u);
+  EXPECT_EQ(d.root_digest_len, 32u);
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(d.hash_algorithm)), "sha512");
+}
+
+TEST(HashtreeDescriptorTest, RefusesOtherTagsAndUnalignedLengths) {
+  AvbHashtreeDescriptor d;
+  std::string hash_tagged = HashtreeDescriptorBytes({});
+  StoreBe64(&hash_tagged, 0, AVB_DESCRIPTOR_TAG_HASH);
+  EXPECT_FALSE(ValidateHashtree(hash_tagged, &d));
+  std::string unaligned = HashtreeDescriptorBytes({});
+  StoreBe64(&unaligned, 8, LoadBe64(unaligned, 8) + 4);
+  EXPECT_FALSE(ValidateHashtree(unaligned, &d));
+}
+
+TEST(HashtreeDescriptorTest, VariableLengthsMustFitTheBodyWithoutWrapping) {
+  // Name 14 + salt 32 + digest 32 after the 164-byte fixed part: 242 bytes,
+  // padded to a body of 248.
+  AvbHashtreeDescriptor d;
+  HashtreeFields fits_exactly;
+  fits_exactly.root_digest_len = 38;
+  EXPECT_TRUE(ValidateHashtree(HashtreeDescriptorBytes(fits_exactly), &d));
+
+  struct Case {
+    const char* what;
+    uint32_t name, salt, digest;
+  } cases[] = {
+      {"one byte too many", 14, 32, 39},
+      {"name wraps 32 bits", 0xffffffff, 2, 0},
+      {"salt and digest wrap 32 bits", 14, 0xffffff00, 0x100},
+      {"all three at the maximum", 0xffffffff, 0xffffffff, 0xffffffff},
+  };
+  for (const Case& c : cases) {
+    HashtreeFields fields;
+    fields.partition_name_len = c.name;
+    fields.salt_len = c.salt;
+    fields.root_digest_len = c.digest;
+    EXPECT_FALSE(ValidateHashtree(HashtreeDescriptorBytes(fields), &d)) << c.what;
+  }
+}
+
+}  // namespace
+}  // namespace mend_test
