@@ -47,6 +47,10 @@ Result<ImageLayout> LayoutImage(uint64_t fs_blocks, uint32_t digest_size, uint64
 
 Result<uint64_t> MaxFsBlocks(uint64_t partition_size, uint32_t digest_size, uint64_t vbmeta_size) {
   const uint64_t tail = TailSize(vbmeta_size);
+  if (partition_size % kFsBlockSize != 0) {
+    return Error() << "partition size " << partition_size << " is not a multiple of "
+                   << kFsBlockSize;
+  }
   if (partition_size <= tail + kFsBlockSize) {
     return Error() << "partition size " << partition_size << " leaves no room for a filesystem";
   }

@@ -160,4 +160,31 @@ std::string MakeSampleTree(const ScratchDir& dir) {
   return root;
 }
 
+Json::Value ParseJson(const std::string& text) {
+  Json::Value value;
+  Json::Reader reader;
+  if (!reader.parse(text, value)) return Json::Value();
+  return value;
+}
+
+Json::Value Info(const std::string& package) {
+  ToolRun run = RunTool({"info", "--json", package});
+  if (run.exit_code != 0) throw std::runtime_error("info failed: " + run.err);
+  return ParseJson(run.out);
+}
+
+void ExtractImage(const std::string& package, const std::string& path) {
+  const Json::Value info = Info(package);
+  const uint64_t offset = info["image"]["offset"].asUInt64();
+  const uint64_t size = info["image"]["size"].asUInt64();
+  WriteFile(path, ReadFile(package).substr(offset, size));
+}
+
+std::string KeyBlob(const ScratchDir& dir, const std::string& pem) {
+  const std::string path = dir / (pem.substr(pem.rfind('/') + 1) + ".blob");
+  ToolRun run = RunTool({"extract-public-key", "--key", pem, "--output", path});
+  if (run.exit_code != 0) throw std::runtime_error("extract-public-key failed: " + run.err);
+  return path;
+}
+
 }  // namespace rpktool_test

@@ -3,6 +3,8 @@
 // Helpers for the rpktool tests: running the tool, scratch directories,
 // fixture paths, test keys and source trees.
 
+#include <json/json.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -54,5 +56,15 @@ std::string SampleConfig(const std::string& name = "demo_fix1");
 // A small source tree: a few files with data, an empty file, a symlink and
 // a nested directory; returns its path.
 std::string MakeSampleTree(const ScratchDir& dir);
+
+// Parses JSON text; a null value when it does not parse.
+Json::Value ParseJson(const std::string& text);
+// `info --json` of a package (must succeed).
+Json::Value Info(const std::string& package);
+// The image member's bytes, copied out of a package into `path`.
+void ExtractImage(const std::string& package, const std::string& path);
+// The trusted-key blob of a PEM key, written next to nothing else: returns
+// the blob's path inside `dir`.
+std::string KeyBlob(const ScratchDir& dir, const std::string& pem);
 
 }  // namespace rpktool_test
