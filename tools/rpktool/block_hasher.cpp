@@ -2,10 +2,17 @@
 
 #include <android-base/logging.h>
 
+#include <cstring>
+
 namespace rpktool {
 
 using android::base::Error;
 using android::base::Result;
+
+bool IsAllZero(const uint8_t* data, size_t size) {
+  // Compares the block with itself shifted by one byte.
+  return size == 0 || (data[0] == 0 && memcmp(data, data + 1, size - 1) == 0);
+}
 
 BlockHasher::BlockHasher(std::shared_ptr<EVP_MD> md, UniqueEvpMdCtx salted, size_t digest_size)
     : md_(std::move(md)), salted_(std::move(salted)), work_(EVP_MD_CTX_new()),

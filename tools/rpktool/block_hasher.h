@@ -14,6 +14,11 @@
 
 namespace rpktool {
 
+// True when all `size` bytes are zero. Much cheaper than hashing: a block
+// is all zeros exactly when its digest is the zero block's digest, so zero
+// blocks need no hashing.
+bool IsAllZero(const uint8_t* data, size_t size);
+
 class BlockHasher {
  public:
   // `algorithm` is a hash name such as "sha256" or "sha512".

@@ -1,6 +1,7 @@
 #include "file_io.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -70,6 +71,26 @@ Result<void> WriteFileAtomically(const std::string& path, const std::string& dat
   auto written = WriteAt(file->fd(), data.data(), data.size(), 0);
   if (!written.ok()) return Error() << file->temp_path() << ": " << written.error();
   return file->Commit();
+}
+
+Result<ReadOnlyMapping> ReadOnlyMapping::Map(int fd, uint64_t offset, uint64_t size) {
+  const uint64_t page = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+  const uint64_t start = offset / page * page;
+  const size_t lead = static_cast<size_t>(offset - start);
+  const size_t length = static_cast<size_t>(size + lead);
+  void* base = mmap(nullptr, length, PROT_READ, MAP_SHARED, fd, static_cast<off_t>(start));
+  if (base == MAP_FAILED) return ErrnoError() << "cannot map " << size << " bytes";
+  madvise(base, length, MADV_SEQUENTIAL);
+  return ReadOnlyMapping(static_cast<uint8_t*>(base), length, lead);
+}
+
+ReadOnlyMapping::ReadOnlyMapping(ReadOnlyMapping&& other) noexcept
+    : base_(other.base_), length_(other.length_), lead_(other.lead_) {
+  other.base_ = nullptr;
+}
+
+ReadOnlyMapping::~ReadOnlyMapping() {
+  if (base_ != nullptr) munmap(base_, length_);
 }
 
 Result<PendingFile> PendingFile::Create(const std::string& final_path) {

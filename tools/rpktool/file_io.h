@@ -21,6 +21,29 @@ android::base::Result<uint64_t> FileSize(int fd);
 android::base::Result<std::string> ReadSmallFile(const std::string& path, size_t max_size);
 android::base::Result<void> WriteFileAtomically(const std::string& path, const std::string& data);
 
+// A read-only mapping of part of a file; unmapped when dropped. The caller
+// makes sure the file covers the range: touching a page past the end of the
+// file raises SIGBUS.
+class ReadOnlyMapping {
+ public:
+  static android::base::Result<ReadOnlyMapping> Map(int fd, uint64_t offset, uint64_t size);
+  ReadOnlyMapping(ReadOnlyMapping&& other) noexcept;
+  ReadOnlyMapping& operator=(ReadOnlyMapping&&) = delete;
+  ReadOnlyMapping(const ReadOnlyMapping&) = delete;
+  ~ReadOnlyMapping();
+
+  // The byte at `offset` of the file.
+  const uint8_t* data() const { return base_ + lead_; }
+
+ private:
+  ReadOnlyMapping(uint8_t* base, size_t length, size_t lead)
+      : base_(base), length_(length), lead_(lead) {}
+
+  uint8_t* base_;
+  size_t length_;
+  size_t lead_;  // bytes mapped before `offset` to start on a page
+};
+
 // A temporary file next to `final_path`, renamed over it by Commit() and
 // removed if dropped before that.
 class PendingFile {

@@ -1,5 +1,6 @@
 #include "hash_tree_builder.h"
 
+#include <algorithm>
 #include <memory>
 
 #include "data_blocks.h"
@@ -32,6 +33,8 @@ Result<HashTree> BuildHashTree(int fd, uint64_t data_offset, const TreeLayout& l
 
   if (threads == 0) threads = 1;
   std::vector<std::unique_ptr<BlockHasher>> hashers(threads);
+  const std::vector<uint8_t> zero_block(layout.data_block_size, 0);
+  const std::vector<uint8_t> zero_digest = hasher.Clone().Hash(zero_block.data(), zero_block.size());
   auto pass = ForEachDataPiece(
       fd, data_offset, layout, threads, nullptr, progress,
       [&](unsigned worker, uint64_t first, const uint8_t* blocks, uint64_t count,
@@ -44,8 +47,13 @@ Result<HashTree> BuildHashTree(int fd, uint64_t data_offset, const TreeLayout& l
         auto& own = hashers[worker];
         if (!own) own = std::make_unique<BlockHasher>(hasher.Clone());
         for (uint64_t i = 0; i < count; ++i) {
-          own->Hash(blocks + i * layout.data_block_size, layout.data_block_size,
-                    &result.tree[level0 + (first + i) * layout.slot_size]);
+          const uint8_t* block = blocks + i * layout.data_block_size;
+          uint8_t* slot = &result.tree[level0 + (first + i) * layout.slot_size];
+          if (IsAllZero(block, layout.data_block_size)) {
+            std::copy(zero_digest.begin(), zero_digest.end(), slot);
+          } else {
+            own->Hash(block, layout.data_block_size, slot);
+          }
         }
         return {};
       });

@@ -137,8 +137,16 @@ Result<TreeCheckResult> CheckHashTree(int fd, uint64_t image_offset, uint64_t im
         if (!own) own = std::make_unique<BlockHasher>(hasher->Clone());
         uint8_t digest[EVP_MAX_MD_SIZE];
         for (uint64_t i = 0; i < count; ++i) {
-          own->Hash(blocks + i * layout->data_block_size, layout->data_block_size, digest);
-          if (memcmp(digest, expected(first + i), layout->digest_size) != 0) {
+          const uint8_t* block = blocks + i * layout->data_block_size;
+          const uint8_t* want = expected(first + i);
+          bool matches;
+          if (memcmp(want, zero_digest.data(), layout->digest_size) == 0) {
+            matches = IsAllZero(block, layout->data_block_size);
+          } else {
+            own->Hash(block, layout->data_block_size, digest);
+            matches = memcmp(digest, want, layout->digest_size) == 0;
+          }
+          if (!matches) {
             LowerLimit(&first_bad, first + i);
             break;
           }
