@@ -43,7 +43,7 @@ bool ParseSize(const std::string& text, uint64_t* out) {
 
 int RunMake(const std::vector<std::string>& args) {
   std::string config_path, root, key, output, algorithm, salt_hex, partition_size, jobs;
-  bool force = false, quiet = false;
+  bool force = false, quiet = false, verbose = false;
   ArgParser parser(
       "rpktool make --config FILE --root DIR --key PEM --output ZIP [options]",
       "Builds a signed repair package: an ext4 image of DIR (mke2fs), its dm-verity hash\n"
@@ -72,6 +72,7 @@ int RunMake(const std::vector<std::string>& args) {
   parser.AddFlag("force", "Build even when config.txt has errors (to make test packages).",
                  &force);
   parser.AddFlag("quiet", "Print nothing but errors and warnings.", &quiet);
+  parser.AddFlag("verbose", "Also print the mke2fs command lines.", &verbose);
   auto parsed = parser.Parse(args);
   if (!parsed.ok()) {
     ReportError(kVerb, parsed.error().message() + " (see rpktool make --help)");
@@ -140,6 +141,9 @@ int RunMake(const std::vector<std::string>& args) {
     return kExitFailure;
   }
   for (const auto& warning : made->warnings) fprintf(stderr, "warning: %s\n", warning.c_str());
+  if (verbose) {
+    for (const auto& command : made->mke2fs_commands) printf("mke2fs:      %s\n", command.c_str());
+  }
   if (!quiet) {
     const ImageLayout& layout = made->layout;
     printf("package:     %s\n", output.c_str());

@@ -111,6 +111,8 @@ Result<Mke2fsOutcome> RunMke2fs(const Mke2fsRequest& request) {
   auto run = RunProcess(argv, env);
   if (!run.ok()) return run.error();
   Mke2fsOutcome outcome;
+  for (const auto& word : env) outcome.command += word + " ";
+  for (const auto& word : argv) outcome.command += (word == argv[0] ? "" : " ") + word;
   outcome.ok = run->exit_code == 0;
   outcome.output = run->output;
   if (!outcome.ok) {

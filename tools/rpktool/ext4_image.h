@@ -43,6 +43,7 @@ struct Mke2fsRequest {
 struct Mke2fsOutcome {
   bool ok = false;
   bool out_of_space = false;  // the tree did not fit; a larger size may work
+  std::string command;        // as run, for display
   std::string output;
 };
 

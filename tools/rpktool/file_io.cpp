@@ -5,8 +5,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <climits>
+#include <csignal>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 
 namespace rpktool {
 
@@ -14,6 +17,31 @@ using android::base::Error;
 using android::base::ErrnoError;
 using android::base::Result;
 using android::base::unique_fd;
+
+namespace {
+
+// The temporary file to remove if a signal ends the process; one at a time.
+char g_pending_path[PATH_MAX];
+
+void RemovePendingAndDie(int signal_number) {
+  if (g_pending_path[0] != '\0') unlink(g_pending_path);
+  ::signal(signal_number, SIG_DFL);
+  raise(signal_number);
+}
+
+void SetPendingPath(const std::string& path) {
+  if (path.size() < sizeof(g_pending_path)) {
+    memcpy(g_pending_path, path.c_str(), path.size() + 1);
+  }
+}
+
+}  // namespace
+
+void RemovePendingFileOnSignals() {
+  struct sigaction action = {};
+  action.sa_handler = RemovePendingAndDie;
+  for (int signal_number : {SIGINT, SIGTERM, SIGHUP}) sigaction(signal_number, &action, nullptr);
+}
 
 Result<void> ReadAt(int fd, void* data, size_t size, uint64_t offset) {
   auto* out = static_cast<uint8_t*>(data);
@@ -101,6 +129,7 @@ Result<PendingFile> PendingFile::Create(const std::string& final_path) {
   mode_t mask = umask(0);
   umask(mask);
   fchmod(fd.get(), 0666 & ~mask);
+  SetPendingPath(temp_path);
   return PendingFile(std::move(fd), std::move(temp_path), final_path);
 }
 
@@ -113,7 +142,9 @@ PendingFile::PendingFile(PendingFile&& other) noexcept
 }
 
 PendingFile::~PendingFile() {
-  if (!committed_) unlink(temp_path_.c_str());
+  if (committed_) return;
+  unlink(temp_path_.c_str());
+  if (temp_path_ == g_pending_path) g_pending_path[0] = '\0';
 }
 
 Result<void> PendingFile::Commit() {
@@ -122,6 +153,7 @@ Result<void> PendingFile::Commit() {
     return ErrnoError() << "cannot rename " << temp_path_ << " to " << final_path_;
   }
   committed_ = true;
+  if (temp_path_ == g_pending_path) g_pending_path[0] = '\0';
   return {};
 }
 

@@ -45,7 +45,8 @@ class ReadOnlyMapping {
 };
 
 // A temporary file next to `final_path`, renamed over it by Commit() and
-// removed if dropped before that.
+// removed if dropped before that, or if the process is interrupted (see
+// RemovePendingFileOnSignals).
 class PendingFile {
  public:
   static android::base::Result<PendingFile> Create(const std::string& final_path);
@@ -68,5 +69,9 @@ class PendingFile {
   std::string final_path_;
   bool committed_ = false;
 };
+
+// Makes SIGINT, SIGTERM and SIGHUP remove the pending file of the moment
+// before the process ends.
+void RemovePendingFileOnSignals();
 
 }  // namespace rpktool

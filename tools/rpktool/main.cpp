@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "file_io.h"
 
 namespace {
 
@@ -38,6 +39,7 @@ int main(int argc, char** argv) {
     fputs(kUsage, stderr);
     return rpktool::kExitUsage;
   }
+  rpktool::RemovePendingFileOnSignals();
   const std::string verb = argv[1];
   const std::vector<std::string> args(argv + 2, argv + argc);
   if (verb == "--help" || verb == "-h" || verb == "help") {

@@ -37,7 +37,7 @@ struct MakeResult {
   uint64_t image_data_offset = 0;  // inside the zip
   std::vector<uint8_t> salt;
   std::vector<uint8_t> root_digest;
-  int mke2fs_attempts = 0;
+  std::vector<std::string> mke2fs_commands;  // one per attempt
   std::vector<std::string> warnings;
 };
 

@@ -49,4 +49,17 @@ void Progress::Finish() {
   active_ = false;
 }
 
+StatusLine::StatusLine(const std::string& text, bool enabled)
+    : shown_(enabled && isatty(STDERR_FILENO)) {
+  if (!shown_) return;
+  fprintf(stderr, "\r%s...", text.c_str());
+  fflush(stderr);
+}
+
+StatusLine::~StatusLine() {
+  if (!shown_) return;
+  fprintf(stderr, "\r\033[K");
+  fflush(stderr);
+}
+
 }  // namespace rpktool

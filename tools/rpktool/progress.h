@@ -38,4 +38,17 @@ class Progress {
   std::thread drawer_;
 };
 
+// A one-line note on stderr for a step without measurable progress, shown
+// only on a terminal and cleared when dropped.
+class StatusLine {
+ public:
+  StatusLine(const std::string& text, bool enabled);
+  ~StatusLine();
+  StatusLine(const StatusLine&) = delete;
+  StatusLine& operator=(const StatusLine&) = delete;
+
+ private:
+  bool shown_;
+};
+
 }  // namespace rpktool

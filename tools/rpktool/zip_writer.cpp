@@ -25,7 +25,6 @@ constexpr size_t kAlignmentExtraMinSize = 6;  // id, length, alignment value
 constexpr uint16_t kVersionNeededStored = 10;
 constexpr uint16_t kVersionMadeByUnix = (3 << 8) | 20;
 constexpr uint32_t kRegularFileMode = 0100644;
-constexpr uint64_t kZip32Limit = 0xffffffffu;
 
 }  // namespace
 
@@ -85,7 +84,7 @@ Result<uint64_t> StoredZipWriter::ReserveMember(const std::string& name, uint64_
   if (name.empty() || name.size() > 0xffff) return Error() << "bad zip member name";
   const uint64_t header_offset = end_;
   const uint64_t data_offset = PlannedDataOffset(name, alignment);
-  if (size > kZip32Limit || data_offset + size > kZip32Limit) {
+  if (size > kMaxZipSize || data_offset + size > kMaxZipSize) {
     return Error() << "member " << name << " would end beyond 4 GiB, which plain zip cannot hold";
   }
   members_.push_back({name, header_offset, data_offset, size, 0, alignment});
@@ -156,7 +155,7 @@ Result<void> StoredZipWriter::Finish() {
   PutLe32(tail.data() + 12, static_cast<uint32_t>(directory.size()));
   PutLe32(tail.data() + 16, static_cast<uint32_t>(directory_offset));
   directory.insert(directory.end(), tail.begin(), tail.end());
-  if (directory_offset + directory.size() > kZip32Limit) {
+  if (directory_offset + directory.size() > kMaxZipSize) {
     return Error() << "the archive would exceed 4 GiB, which plain zip cannot hold";
   }
   auto written = WriteAt(fd_, directory.data(), directory.size(), directory_offset);

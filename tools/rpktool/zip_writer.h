@@ -14,6 +14,8 @@
 
 namespace rpktool {
 
+// Offsets and sizes of a plain (not zip64) archive stay below this.
+inline constexpr uint64_t kMaxZipSize = 0xffffffffu;
 // Extra-field id that carries a member's data alignment.
 inline constexpr uint16_t kAlignmentExtraId = 0xD935;
 

@@ -1,6 +1,6 @@
-// The AVB pieces rpktool writes, checked against packages made by the
-// reference tooling: key blobs, vbmeta blocks and whole images must come
-// out byte for byte the same from the same inputs.
+// The AVB pieces rpktool writes, checked against the fixture packages: key
+// blobs, vbmeta blocks and whole images must come out byte for byte the
+// same from the same inputs.
 
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
@@ -31,7 +31,7 @@ using rpktool_test::ScratchDir;
 
 std::vector<uint8_t> Bytes(const std::string& text) { return {text.begin(), text.end()}; }
 
-TEST(PublicKeyBlob, MatchesReferenceBlobsForFixtureKeys) {
+TEST(PublicKeyBlob, MatchesTheFixtureBlobs) {
   for (const std::string name : {"rsa2048", "rsa4096"}) {
     auto key = RsaKey::LoadPem(FixturePath("keys/" + name + ".pem"));
     ASSERT_TRUE(key.ok()) << key.error();
@@ -159,7 +159,7 @@ void ExpectImageRebuilt(const std::string& package_name, const std::string& key_
   EXPECT_TRUE(rebuilt == fixture.image) << package_name << " differs";
 }
 
-TEST(ImageAssembly, RebuildsReferenceImagesByteForByte) {
+TEST(ImageAssembly, RebuildsFixtureImagesByteForByte) {
   ExpectImageRebuilt("valid_2048", "rsa2048");
   ExpectImageRebuilt("valid_sha512", "rsa4096");
 }

@@ -1,5 +1,5 @@
-// `info` and `verify` on the reference packages: the hash tree parameters
-// info reports equal the reference values, and verify reaches each
+// `info` and `verify` on the fixture packages: the hash tree parameters
+// info reports equal the manifest's values, and verify reaches each
 // package's stated outcome with the daemon's own error texts.
 
 #include <gtest/gtest.h>
@@ -18,7 +18,7 @@ const Json::Value& Manifest() {
   return manifest;
 }
 
-TEST(Info, ReportsTheReferenceValuesOfEveryFixture) {
+TEST(Info, ReportsTheManifestValuesOfEveryFixture) {
   ASSERT_GE(Manifest()["packages"].size(), 6u);
   for (const Json::Value& expected : Manifest()["packages"]) {
     const std::string name = expected["name"].asString();

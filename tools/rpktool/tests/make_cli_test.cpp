@@ -41,7 +41,7 @@ void ExpectVeritysetupAccepts(const ScratchDir& dir, const std::string& package)
   EXPECT_EQ(run.exit_code, 0) << run.out;
 }
 
-TEST(ExtractPublicKey, ReproducesTheReferenceBlobs) {
+TEST(ExtractPublicKey, ReproducesTheFixtureBlobs) {
   ScratchDir dir;
   for (const std::string name : {"rsa2048", "rsa4096"}) {
     const std::string out = dir / (name + ".blob");
