@@ -26,6 +26,18 @@ std::string Slurp(const std::string& path) {
   return out.str();
 }
 
+// Finds a program in $PATH and then in the sbin directories, where
+// e2fsck and veritysetup live outside an ordinary user's $PATH.
+std::string FindProgram(const std::string& name) {
+  if (name.find('/') != std::string::npos) return name;
+  std::istringstream dirs(std::string(getenv("PATH") ? getenv("PATH") : "") + ":/usr/sbin:/sbin");
+  std::string dir;
+  while (std::getline(dirs, dir, ':')) {
+    if (!dir.empty() && access((dir + "/" + name).c_str(), X_OK) == 0) return dir + "/" + name;
+  }
+  return name;
+}
+
 ToolRun Spawn(const std::vector<std::string>& argv, const std::vector<std::string>& env,
               bool separate_streams) {
   char out_path[] = "/tmp/rpktool-test-out-XXXXXX";
@@ -41,6 +53,7 @@ ToolRun Spawn(const std::vector<std::string>& argv, const std::vector<std::strin
   for (auto& entry : environment) envp.push_back(entry.data());
   envp.push_back(nullptr);
   std::vector<std::string> args = argv;
+  args[0] = FindProgram(args[0]);
   std::vector<char*> argp;
   for (auto& arg : args) argp.push_back(arg.data());
   argp.push_back(nullptr);
@@ -50,7 +63,7 @@ ToolRun Spawn(const std::vector<std::string>& argv, const std::vector<std::strin
   posix_spawn_file_actions_adddup2(&actions, out_fd, STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&actions, err_fd, STDERR_FILENO);
   pid_t pid = 0;
-  int rc = posix_spawnp(&pid, args[0].c_str(), &actions, nullptr, argp.data(), envp.data());
+  int rc = posix_spawn(&pid, args[0].c_str(), &actions, nullptr, argp.data(), envp.data());
   posix_spawn_file_actions_destroy(&actions);
   ToolRun run{-1, "", ""};
   if (rc == 0) {
@@ -77,12 +90,7 @@ ToolRun RunTool(const std::vector<std::string>& args, const std::vector<std::str
   return Spawn(argv, env, true);
 }
 
-ToolRun RunProgram(const std::vector<std::string>& argv) {
-  // veritysetup and friends live in /usr/sbin, often outside $PATH.
-  std::vector<std::string> env = {"PATH=" + std::string(getenv("PATH") ? getenv("PATH") : "") +
-                                  ":/usr/sbin:/sbin"};
-  return Spawn(argv, env, false);
-}
+ToolRun RunProgram(const std::vector<std::string>& argv) { return Spawn(argv, {}, false); }
 
 ScratchDir::ScratchDir() {
   char path[] = "/tmp/rpktool-test-XXXXXX";
