@@ -1,5 +1,6 @@
 #include "daemon_fixture.h"
 
+#include <regex>
 #include <sstream>
 
 #include "zip_builder.h"
@@ -36,28 +37,28 @@ std::string DaemonTest::Config(const std::string& name, const std::string& extra
          extra;
 }
 
-std::string DaemonTest::SpLine(const std::string& name, int version_code, int task_id,
-                               const std::string& extra_members) {
-  std::ostringstream line;
-  line << "{\"update_package_name\":\"" << name << "\",\"update_version_code\":" << version_code
-       << ",\"task_id\":" << task_id << ",\"image_path\":\"/data/rvx/imgs/" << name << ".zip\""
-       << extra_members << "}";
-  return line.str();
+void DaemonTest::WriteState(const std::vector<std::string>& lines) {
+  std::string text;
+  for (const auto& line : lines) text += line + "\n";
+  root_.WriteFile("/data/rvx/files/shared_prefs.cfg", text);
 }
 
 std::vector<std::string> DaemonTest::LogLines(const SandboxRun& run) {
-  // liblog on Linux: "mend_log I MM-DD HH:MM:SS  pid  tid message"
+  // Log records on Linux start "TAG P MM-DD HH:MM:SS  pid  tid message";
+  // a message with line breaks continues on lines without that header.
+  static const std::regex header(R"(^(\S+) ([VDIWEF]) \d\d-\d\d \d\d:\d\d:\d\d +\d+ +\d+ (.*)$)");
   std::vector<std::string> lines;
+  bool in_daemon_record = false;
   std::istringstream in(run.output);
   std::string line;
   while (std::getline(in, line)) {
-    if (line.rfind("mend_log I ", 0) != 0) continue;
-    std::istringstream fields(line);
-    std::string skip;
-    for (int i = 0; i < 6; ++i) fields >> skip;  // tag, prio, date, time, pid, tid
-    std::string rest;
-    std::getline(fields, rest);
-    lines.push_back(rest.empty() ? rest : rest.substr(1));
+    std::smatch m;
+    if (std::regex_match(line, m, header)) {
+      in_daemon_record = m[1] == "mend_log" && m[2] == "I";
+      if (in_daemon_record) lines.push_back(m[3]);
+    } else if (in_daemon_record) {
+      lines.back() += "\n" + line;
+    }
   }
   return lines;
 }
@@ -67,6 +68,51 @@ bool HasLine(const std::vector<std::string>& lines, const std::string& wanted) {
     if (line == wanted) return true;
   }
   return false;
+}
+
+bool HasInOrder(const std::vector<std::string>& lines, const std::vector<std::string>& wanted) {
+  size_t next = 0;
+  for (const auto& line : lines) {
+    if (next < wanted.size() && line == wanted[next]) ++next;
+  }
+  return next == wanted.size();
+}
+
+namespace {
+
+std::string JsonEscape(const std::string& text) {
+  std::string out;
+  for (char c : text) {
+    if (c == '"' || c == '\\') out += '\\';
+    out += c;
+  }
+  return out;
+}
+
+}  // namespace
+
+std::string NativeLine(const std::string& name, const std::string& file, int task_id,
+                       const std::string& response_content, int version_code) {
+  std::ostringstream line;
+  line << "{\"image_path\":\"/data/rvx/imgs/" << file
+       << "\",\"msg_source\":\"mend\",\"msg_type\":256,\"need_response\":false,"
+       << "\"response_content\":\"" << JsonEscape(response_content) << "\",\"task_id\":" << task_id
+       << ",\"update_package_name\":\"" << name << "\",\"update_version_code\":" << version_code
+       << "}";
+  return line.str();
+}
+
+std::string SpRecord::Line() const {
+  auto flag = [](bool b) { return b ? "true" : "false"; };
+  std::ostringstream line;
+  line << "{\"boot_failed_count\":" << boot_failed_count
+       << ",\"cancel_task_id\":0,\"first_report\":false,\"image_path\":\"" << image_path
+       << "\",\"is_async_repair\":false,\"is_boot_success\":" << flag(is_boot_success)
+       << ",\"is_repair_success\":" << flag(is_repair_success)
+       << ",\"need_cancel\":" << flag(need_cancel) << ",\"need_delete\":" << flag(need_delete)
+       << ",\"reboot_type\":0,\"task_id\":" << task_id << ",\"update_package_name\":\"" << name
+       << "\",\"update_version_code\":" << version_code << "}";
+  return line.str();
 }
 
 }  // namespace mend_test

@@ -23,9 +23,10 @@ class DaemonTest : public ::testing::Test {
   void AddPackage(const std::string& file, const std::string& config);
   // The standard config of package `name`, with `extra` lines appended.
   static std::string Config(const std::string& name, const std::string& extra = "");
-  // One state line as the application writes it.
-  static std::string SpLine(const std::string& name, int version_code, int task_id,
-                            const std::string& extra_members = "");
+  // Writes shared_prefs.cfg with these lines, each ended by "\n".
+  void WriteState(const std::vector<std::string>& lines);
+  std::string State() const { return root_.ReadFile("/data/rvx/files/shared_prefs.cfg"); }
+  std::string NativeMsg() const { return root_.ReadFile("/data/rvx/msgs/native.msg"); }
 
   // Lines of the daemon's log (tag "mend_log"), message part only.
   static std::vector<std::string> LogLines(const SandboxRun& run);
@@ -35,5 +36,27 @@ class DaemonTest : public ::testing::Test {
 
 // True when `lines` contains `wanted` exactly.
 bool HasLine(const std::vector<std::string>& lines, const std::string& wanted);
+
+// True when every line of `wanted` occurs in `lines`, in this order (other
+// lines may come between them).
+bool HasInOrder(const std::vector<std::string>& lines, const std::vector<std::string>& wanted);
+
+// The daemon's native.msg line for a package made by DaemonTest::Config.
+std::string NativeLine(const std::string& name, const std::string& file, int task_id,
+                       const std::string& response_content, int version_code = 3);
+
+// A full state line in the daemon's own member order.
+struct SpRecord {
+  std::string name;
+  int version_code = 3;
+  std::string image_path;
+  bool is_repair_success = false;
+  bool is_boot_success = false;
+  int boot_failed_count = 0;
+  bool need_cancel = false;
+  int task_id = 0;
+  bool need_delete = false;
+  std::string Line() const;
+};
 
 }  // namespace mend_test

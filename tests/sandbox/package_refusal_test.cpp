@@ -55,7 +55,7 @@ size_t EngineLogCount(const SandboxRun& run, const std::string& message) {
 TEST_F(PackageRefusalTest, PackageWithoutImageIsReportedAsMountFailure) {
   root_.CopyIn(AvbFixture("keys/rsa2048.avbpubkey"), kTrustedKey);
   WriteZip(root_.HostPath("/data/rvx/imgs/noimg.zip"), {{"config.txt", Config("noimg")}});
-  root_.WriteFile("/data/rvx/files/shared_prefs.cfg", SpLine("noimg", 3, 4) + "\n");
+  WriteState({SpRecord{"noimg", 3, "/data/rvx/imgs/noimg.zip"}.Line()});
 
   SandboxRun run = RunMend();
   ASSERT_TRUE(run.finished) << run.output;
@@ -72,8 +72,8 @@ TEST_F(PackageRefusalTest, PackageWithoutImageIsReportedAsMountFailure) {
 TEST_F(PackageRefusalTest, MissingTrustedKeyIsReportedForEveryPackage) {
   AddPackage("a.zip", Config("a"));
   AddPackage("b.zip", Config("b"));
-  root_.WriteFile("/data/rvx/files/shared_prefs.cfg",
-                  SpLine("a", 3, 1) + "\n" + SpLine("b", 3, 2) + "\n");
+  WriteState({SpRecord{"a", 3, "/data/rvx/imgs/a.zip"}.Line(),
+              SpRecord{"b", 3, "/data/rvx/imgs/b.zip"}.Line()});
 
   SandboxRun run = RunMend();
   ASSERT_TRUE(run.finished) << run.output;

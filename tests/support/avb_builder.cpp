@@ -176,32 +176,32 @@ std::string HashtreeDescriptorBytes(const HashtreeFields& f) {
   return DescriptorBytes(1, body);
 }
 
-std::string BuildVbmeta(const VbmetaSpec& spec) {
-  const bool is_signed = spec.algorithm != 0 && spec.key != nullptr;
+std::string BuildVbmeta(const VbmetaRecipe& recipe) {
+  const bool is_signed = recipe.algorithm != 0 && recipe.key != nullptr;
   const std::string key_blob =
-      spec.public_key_blob.value_or(spec.key != nullptr ? spec.key->PublicKeyBlob() : "");
-  const size_t hash_size = is_signed ? (IsSha512(spec.algorithm) ? 64 : 32) : 0;
-  const size_t signature_size = is_signed ? spec.key->ModulusBytes() : 0;
-  const std::string aux = PadTo(spec.descriptors + key_blob, 64);
+      recipe.public_key_blob.value_or(recipe.key != nullptr ? recipe.key->PublicKeyBlob() : "");
+  const size_t hash_size = is_signed ? (IsSha512(recipe.algorithm) ? 64 : 32) : 0;
+  const size_t signature_size = is_signed ? recipe.key->ModulusBytes() : 0;
+  const std::string aux = PadTo(recipe.descriptors + key_blob, 64);
   const size_t auth_size = PadTo(std::string(hash_size + signature_size, '\0'), 64).size();
 
   std::string header;
   header += "AVB0";
-  AppendBe32(&header, spec.required_major);
-  AppendBe32(&header, spec.required_minor);
+  AppendBe32(&header, recipe.required_major);
+  AppendBe32(&header, recipe.required_minor);
   AppendBe64(&header, auth_size);
   AppendBe64(&header, aux.size());
-  AppendBe32(&header, spec.algorithm);
+  AppendBe32(&header, recipe.algorithm);
   AppendBe64(&header, 0);  // hash_offset
   AppendBe64(&header, hash_size);
   AppendBe64(&header, hash_size);  // signature_offset
   AppendBe64(&header, signature_size);
-  AppendBe64(&header, spec.descriptors.size());  // public_key_offset
+  AppendBe64(&header, recipe.descriptors.size());  // public_key_offset
   AppendBe64(&header, key_blob.size());
-  AppendBe64(&header, spec.descriptors.size() + key_blob.size());  // key metadata offset
+  AppendBe64(&header, recipe.descriptors.size() + key_blob.size());  // key metadata offset
   AppendBe64(&header, 0);                                          // key metadata size
   AppendBe64(&header, 0);                                          // descriptors_offset
-  AppendBe64(&header, spec.descriptors.size());
+  AppendBe64(&header, recipe.descriptors.size());
   AppendBe64(&header, 0);  // rollback_index
   AppendBe32(&header, 0);  // flags
   AppendBe32(&header, 0);  // rollback_index_location
@@ -214,8 +214,8 @@ std::string BuildVbmeta(const VbmetaSpec& spec) {
   if (is_signed) {
     const std::string signed_data = header + aux;
     const std::string digest =
-        IsSha512(spec.algorithm) ? Sha512(signed_data) : Sha256(signed_data);
-    auth = digest + spec.key->SignDigest(digest);
+        IsSha512(recipe.algorithm) ? Sha512(signed_data) : Sha256(signed_data);
+    auth = digest + recipe.key->SignDigest(digest);
   }
   return header + PadTo(auth, 64) + aux;
 }

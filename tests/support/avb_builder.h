@@ -69,7 +69,7 @@ std::string HashtreeDescriptorBytes(const HashtreeFields& fields);
 // What to put in a vbmeta block. With a key, its blob is embedded and the
 // block is signed with it, whatever the algorithm says (so that a key of
 // the wrong size can be tried).
-struct VbmetaSpec {
+struct VbmetaRecipe {
   uint32_t algorithm = 1;  // AvbAlgorithmType; 0 = unsigned
   const SigningKey* key = nullptr;
   // Embedded instead of the signing key's own blob when set.
@@ -78,7 +78,7 @@ struct VbmetaSpec {
   uint32_t required_major = 1;
   uint32_t required_minor = 0;
 };
-std::string BuildVbmeta(const VbmetaSpec& spec);
+std::string BuildVbmeta(const VbmetaRecipe& recipe);
 
 // Header offsets and sizes of a block built by BuildVbmeta.
 struct VbmetaLayout {

@@ -71,10 +71,11 @@ SandboxRun SandboxRoot::Run(const std::vector<std::string>& argv,
   const std::string log_path = fs::path(root_).parent_path().string() + "/output.log";
   fs::remove(HostPath(kExitStatusFile));
 
-  // The shell inside records how the command ended; when the sandbox dies
-  // first (a reboot request), no status is written.
-  std::vector<std::string> args = {MEND_SOURCE_DIR "/scripts/sandbox", root_, "/bin/sh", "-c",
-                                   std::string("\"$@\"; echo $? > ") + kExitStatusFile, "sh"};
+  // The shell inside records how the command ended.
+  std::vector<std::string> args = {MEND_SOURCE_DIR "/scripts/sandbox"};
+  args.insert(args.end(), sandbox_options_.begin(), sandbox_options_.end());
+  args.insert(args.end(), {root_, "/bin/sh", "-c",
+                           std::string("\"$@\"; echo $? > ") + kExitStatusFile, "sh"});
   args.insert(args.end(), argv.begin(), argv.end());
 
   pid_t pid = fork();
@@ -102,11 +103,14 @@ SandboxRun SandboxRoot::Run(const std::vector<std::string>& argv,
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   run.output = ReadWholeFile(log_path);
-  if (Exists(kExitStatusFile)) {
+  // A reboot request kills the sandbox's init with SIGHUP, which bwrap passes
+  // on as status 129. The caller itself just exits, so the shell may still
+  // have recorded a status: the sandbox's own status decides.
+  run.rebooted = !run.timed_out && WIFEXITED(status) && WEXITSTATUS(status) == 128 + SIGHUP;
+  if (!run.rebooted && !run.timed_out && Exists(kExitStatusFile)) {
     run.finished = true;
     run.exit_code = std::atoi(ReadFile(kExitStatusFile).c_str());
   }
-  run.rebooted = !run.finished && !run.timed_out;
   return run;
 }
 

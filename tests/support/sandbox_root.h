@@ -8,9 +8,9 @@ namespace mend_test {
 
 // How a command run in the sandbox ended.
 struct SandboxRun {
-  bool finished = false;  // the command returned (possibly by a signal)
+  bool finished = false;  // the command ended by itself (possibly by a signal)
   int exit_code = -1;     // its status; 128 + N when killed by signal N
-  bool rebooted = false;  // the sandbox ended before the command returned
+  bool rebooted = false;  // a reboot request ended the sandbox
   bool timed_out = false;
   std::string output;     // stdout and stderr, interleaved
 
@@ -39,11 +39,15 @@ class SandboxRoot {
   // Sets a system property in the file store the daemon reads.
   void SetProperty(const std::string& name, const std::string& value) const;
 
+  // Passes `option` (e.g. "--rw-sys") to scripts/sandbox on every Run().
+  void AddSandboxOption(const std::string& option) { sandbox_options_.push_back(option); }
+
   SandboxRun Run(const std::vector<std::string>& argv,
                  std::chrono::seconds timeout = std::chrono::seconds(120)) const;
 
  private:
   std::string root_;
+  std::vector<std::string> sandbox_options_;
 };
 
 }  // namespace mend_test

@@ -69,10 +69,10 @@ std::string Rejection(const android::base::Result<RpkVerityData>& result) {
 }
 
 std::string SignedVbmeta(const std::string& descriptors) {
-  VbmetaSpec spec;
-  spec.key = &Rsa2048();
-  spec.descriptors = descriptors;
-  return BuildVbmeta(spec);
+  VbmetaRecipe recipe;
+  recipe.key = &Rsa2048();
+  recipe.descriptors = descriptors;
+  return BuildVbmeta(recipe);
 }
 
 std::string FourBlocksOfData() { return std::string(16384, '\x6d'); }
@@ -232,13 +232,13 @@ TEST_F(PackageVerifyTest, RefusesFootersAndVbmetaPlacesThatCannotBeRead) {
 
 TEST_F(PackageVerifyTest, TurnsEachSignatureResultIntoItsMessage) {
   const std::string descriptors = HashtreeDescriptorBytes({});
-  VbmetaSpec unsigned_spec;
-  unsigned_spec.algorithm = 0;
-  unsigned_spec.descriptors = descriptors;
-  VbmetaSpec future_spec;
-  future_spec.key = &Rsa2048();
-  future_spec.descriptors = descriptors;
-  future_spec.required_major = 2;
+  VbmetaRecipe unsigned_recipe;
+  unsigned_recipe.algorithm = 0;
+  unsigned_recipe.descriptors = descriptors;
+  VbmetaRecipe future_recipe;
+  future_recipe.key = &Rsa2048();
+  future_recipe.descriptors = descriptors;
+  future_recipe.required_major = 2;
   std::string bad_magic = SignedVbmeta(descriptors);
   bad_magic[1] = 'W';
   std::string changed_aux = SignedVbmeta(descriptors);
@@ -251,10 +251,10 @@ TEST_F(PackageVerifyTest, TurnsEachSignatureResultIntoItsMessage) {
     std::string vbmeta;
     std::string reason;
   } cases[] = {
-      {"unsigned.zip", BuildVbmeta(unsigned_spec), "OK_NOT_SIGNED"},
+      {"unsigned.zip", BuildVbmeta(unsigned_recipe), "OK_NOT_SIGNED"},
       {"bad_magic.zip", bad_magic, "invalid vbmeta header"},
       {"empty.zip", "", "invalid vbmeta header"},
-      {"future.zip", BuildVbmeta(future_spec), "unsupported version"},
+      {"future.zip", BuildVbmeta(future_recipe), "unsupported version"},
       {"changed_aux.zip", changed_aux, "HASH_MISMATCH"},
       {"changed_signature.zip", changed_signature, "SIGNATURE_MISMATCH"},
   };
@@ -343,10 +343,10 @@ TEST_F(PackageVerifyTest, ReportsAPackageThatVanishedSinceOpening) {
 TEST(VerityDataFromVbmetaTest, ChecksTheDescriptorAgainstTheBlockEnd) {
   // A hashtree tag on a short descriptor at the end of an (unsigned) block:
   // the 180-byte fixed part would run past the block.
-  VbmetaSpec spec;
-  spec.algorithm = 0;
-  spec.descriptors = DescriptorBytes(AVB_DESCRIPTOR_TAG_HASHTREE, std::string(8, '\0'));
-  const std::string block = BuildVbmeta(spec);
+  VbmetaRecipe recipe;
+  recipe.algorithm = 0;
+  recipe.descriptors = DescriptorBytes(AVB_DESCRIPTOR_TAG_HASHTREE, std::string(8, '\0'));
+  const std::string block = BuildVbmeta(recipe);
   LogCapture log;
   auto data = VerityDataFromVbmeta(reinterpret_cast<const uint8_t*>(block.data()), block.size());
   ASSERT_FALSE(data.ok());
@@ -357,10 +357,10 @@ TEST(VerityDataFromVbmetaTest, ChecksTheDescriptorAgainstTheBlockEnd) {
 TEST(VerityDataFromVbmetaTest, AlgorithmNameFillingItsFieldStaysInside) {
   HashtreeFields fields;
   fields.hash_algorithm = std::string(32, 'a');
-  VbmetaSpec spec;
-  spec.algorithm = 0;
-  spec.descriptors = HashtreeDescriptorBytes(fields);
-  const std::string block = BuildVbmeta(spec);
+  VbmetaRecipe recipe;
+  recipe.algorithm = 0;
+  recipe.descriptors = HashtreeDescriptorBytes(fields);
+  const std::string block = BuildVbmeta(recipe);
   LogCapture log;
   auto data = VerityDataFromVbmeta(reinterpret_cast<const uint8_t*>(block.data()), block.size());
   ASSERT_TRUE(data.ok()) << data.error().message();

@@ -20,7 +20,8 @@ class LoopbackRepairDeviceUniqueFd {
   LoopbackRepairDeviceUniqueFd(android::base::unique_fd fd, std::string name)
       : device_fd(std::move(fd)), name(std::move(name)) {}
   LoopbackRepairDeviceUniqueFd(LoopbackRepairDeviceUniqueFd&&) noexcept = default;
-  LoopbackRepairDeviceUniqueFd& operator=(LoopbackRepairDeviceUniqueFd&&) noexcept = default;
+  // Detaches the device this holder owned before taking over `other`'s.
+  LoopbackRepairDeviceUniqueFd& operator=(LoopbackRepairDeviceUniqueFd&& other) noexcept;
   LoopbackRepairDeviceUniqueFd(const LoopbackRepairDeviceUniqueFd&) = delete;
   LoopbackRepairDeviceUniqueFd& operator=(const LoopbackRepairDeviceUniqueFd&) = delete;
   ~LoopbackRepairDeviceUniqueFd();

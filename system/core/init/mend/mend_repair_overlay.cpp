@@ -13,6 +13,10 @@ namespace android {
 namespace init {
 namespace {
 
+// Access checks in the overlay use the caller's credentials, not the
+// daemon's.
+constexpr const char kOverrideCredsOff[] = "override_creds=off,";
+
 // "/system/app" -> "overlayfs-system_app". The first character is always
 // dropped; an empty path has none and ends the daemon (out of range).
 std::string overlaySourceName(const std::string& path) {
@@ -41,10 +45,18 @@ bool overlayGroup(const std::string& path, const std::list<MendRepairModule>& gr
     joined += ":" + lower;
   }
   MEND_LOG("repairAfterMount : %s , %s", source.c_str(), path.c_str());
-  const std::string options = "override_creds=off,lowerdir=" + joined.substr(1) + ":" + path;
+  const std::string lowerdir = "lowerdir=" + joined.substr(1) + ":" + path;
+  const std::string options = kOverrideCredsOff + lowerdir;
   MEND_LOG("repairAfterMount option: %s ", options.c_str());
 
-  if (mount(source.c_str(), path.c_str(), "overlay", MS_RDONLY, options.c_str()) != 0) {
+  int rc = mount(source.c_str(), path.c_str(), "overlay", MS_RDONLY, options.c_str());
+  if (rc != 0 && errno == EINVAL) {
+    // Kernels without the override_creds option refuse the whole option
+    // text; the stack of lower layers is what the repair needs.
+    MEND_LOG("repairAfterMount retry without override_creds");
+    rc = mount(source.c_str(), path.c_str(), "overlay", MS_RDONLY, lowerdir.c_str());
+  }
+  if (rc != 0) {
     MEND_LOG("Mounted overlay failed : %d , %s", errno, strerror(errno));
     return false;
   }

@@ -14,8 +14,9 @@ class DmTable {
  public:
   DmTable() = default;
 
-  // False when the target is invalid.
+  // False (and the table unchanged) when the target is invalid.
   bool AddTarget(std::unique_ptr<DmTarget>&& target);
+  // True when the table has targets that cover a gapless range from sector 0.
   bool valid() const;
   size_t num_targets() const { return targets_.size(); }
   uint64_t num_sectors() const;
@@ -25,7 +26,8 @@ class DmTable {
   bool readonly() const { return readonly_; }
 
   // The targets in the kernel's table-load layout: for each, a dm_target_spec
-  // followed by its NUL-terminated, 8-byte padded parameter string.
+  // followed by its NUL-terminated, 8-byte padded parameter string. Empty
+  // when the table is not valid().
   std::string Serialize() const;
 
  private:

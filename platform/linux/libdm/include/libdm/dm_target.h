@@ -27,6 +27,10 @@ class DmTarget {
   uint64_t length_;
 };
 
+// dm-verity: "<version> <data dev> <hash dev> <data block size>
+// <hash block size> <data blocks> <hash start block> <algorithm> <root digest>
+// <salt>", then the optional words with their count, in the order they were
+// asked for. An empty salt is written "-".
 class DmTargetVerity final : public DmTarget {
  public:
   DmTargetVerity(uint64_t start, uint64_t length, uint32_t version,

@@ -1,0 +1,165 @@
+// The state store and the message channel called directly. Each test runs in
+// its own sandboxed process (fresh root, fresh process-wide maps), so the
+// fixed /data/rvx paths are the test's own.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "mend_message.h"
+#include "mend_shared_prefs.h"
+
+namespace android {
+namespace init {
+namespace {
+
+const char kSp[] = "/data/rvx/files/shared_prefs.cfg";
+const char kApp[] = "/data/rvx/msgs/app.msg";
+const char kNative[] = "/data/rvx/msgs/native.msg";
+
+std::string Read(const char* path) {
+  std::ifstream in(path);
+  std::ostringstream out;
+  out << in.rdbuf();
+  return out.str();
+}
+
+void Write(const char* path, const std::string& text) { std::ofstream(path) << text; }
+
+MendRepairPackage Package(const std::string& name, int64_t version, int64_t task = 0) {
+  MendRepairPackage p;
+  p.update_package_name = name;
+  p.update_version_code = version;
+  p.task_id = task;
+  p.image_path = "/data/rvx/imgs/" + name + ".zip";
+  return p;
+}
+
+class StateStoreTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    // These tests write the device's fixed paths: never on a host.
+    ASSERT_NE(getenv("MEND_SANDBOX"), nullptr) << "run through scripts/sandbox";
+    std::filesystem::create_directories("/data/rvx/files");
+    std::filesystem::create_directories("/data/rvx/msgs");
+  }
+  MendSharedPrefsManager* prefs = MendSharedPrefsManager::GetInstance();
+  MendMessageManager* messages = MendMessageManager::GetInstance();
+};
+
+TEST_F(StateStoreTest, ReadMatchesByNameButUpdatesNeedNameAndVersion) {
+  Write(kSp, "{\"update_package_name\":\"a\",\"update_version_code\":3,\"task_id\":9}\n");
+  const std::string before = Read(kSp);
+  prefs->syncSpList();
+
+  EXPECT_FALSE(prefs->updateRepairStatus(Package("a", 4), true));
+  EXPECT_FALSE(prefs->updateCanDelete(Package("a", 4), true));
+  EXPECT_FALSE(prefs->updateBootFailedCount(Package("b", 3)));
+  EXPECT_EQ(Read(kSp), before);
+  EXPECT_EQ(prefs->readSp(Package("a", 4)).task_id, 9);
+  EXPECT_EQ(prefs->readSp(Package("zzz", 3)).update_package_name, "");
+
+  EXPECT_TRUE(prefs->updateRepairStatus(Package("a", 3), true));
+  EXPECT_TRUE(prefs->readSp(Package("a", 3)).is_repair_success);
+  EXPECT_NE(Read(kSp), before);
+}
+
+TEST_F(StateStoreTest, LaterLineOfTheSameNameWinsAndOneLineIsWritten) {
+  Write(kSp,
+        "{\"update_package_name\":\"a\",\"update_version_code\":1}\n"
+        "{\"update_package_name\":\"a\",\"update_version_code\":2,\"reboot_type\":7}\n");
+  prefs->syncSpList();
+  ASSERT_EQ(prefs->getSpList().size(), 1u);
+  EXPECT_TRUE(prefs->updateCanDelete(Package("a", 2), true));
+  EXPECT_EQ(Read(kSp),
+            "{\"boot_failed_count\":0,\"cancel_task_id\":0,\"first_report\":false,\"image_path\":\"\","
+            "\"is_async_repair\":false,\"is_boot_success\":false,\"is_repair_success\":false,"
+            "\"need_cancel\":false,\"need_delete\":true,\"reboot_type\":7,\"task_id\":0,"
+            "\"update_package_name\":\"a\",\"update_version_code\":2}\n");
+}
+
+TEST_F(StateStoreTest, MissingOrEmptyFileIsNeverCreatedOrTruncated) {
+  prefs->syncSpList();
+  EXPECT_FALSE(prefs->updateRepairStatus(Package("a", 1), false));
+  EXPECT_EQ(prefs->refreshAllBootStatus(true), 0);
+  prefs->saveSpFile();
+  EXPECT_FALSE(std::filesystem::exists(kSp));
+
+  Write(kSp, "");
+  prefs->syncSpList();
+  EXPECT_TRUE(prefs->getSpList().empty());
+  EXPECT_FALSE(prefs->updateBootFailedCount(Package("a", 1)));
+}
+
+TEST_F(StateStoreTest, RefreshAllBootStatusTouchesOnlyRepairedRecords) {
+  Write(kSp,
+        "{\"update_package_name\":\"ok\",\"is_repair_success\":true,\"is_boot_success\":true,"
+        "\"boot_failed_count\":2}\n"
+        "{\"update_package_name\":\"bad\",\"is_repair_success\":false,\"boot_failed_count\":5,"
+        "\"is_boot_success\":true}\n");
+  prefs->syncSpList();
+  EXPECT_EQ(prefs->refreshAllBootStatus(false), 0);
+  auto map = prefs->getSpList();
+  EXPECT_FALSE(map["ok"].is_boot_success);
+  EXPECT_EQ(map["ok"].boot_failed_count, 2);
+  EXPECT_TRUE(map["bad"].is_boot_success);
+  EXPECT_EQ(map["bad"].boot_failed_count, 5);
+
+  EXPECT_EQ(prefs->refreshAllBootStatus(true), 0);
+  map = prefs->getSpList();
+  EXPECT_TRUE(map["ok"].is_boot_success);
+  EXPECT_EQ(map["ok"].boot_failed_count, 0);
+  EXPECT_EQ(map["bad"].boot_failed_count, 5);
+}
+
+TEST_F(StateStoreTest, UnconfirmedBootsAreCountedConfirmedOnesAreNot) {
+  Write(kSp,
+        "{\"update_package_name\":\"a\",\"update_version_code\":1,\"boot_failed_count\":2}\n"
+        "{\"update_package_name\":\"b\",\"update_version_code\":1,\"boot_failed_count\":2,"
+        "\"is_boot_success\":true}\n");
+  prefs->syncSpList();
+  EXPECT_TRUE(prefs->updateBootFailedCount(Package("a", 1)));
+  EXPECT_TRUE(prefs->updateBootFailedCount(Package("b", 1)));
+  EXPECT_EQ(prefs->readSp(Package("a", 1)).boot_failed_count, 3);
+  EXPECT_EQ(prefs->readSp(Package("b", 1)).boot_failed_count, 2);
+}
+
+TEST_F(StateStoreTest, NativeMessagesAreWrittenInNameOrder) {
+  EXPECT_TRUE(messages->writeMessage(Package("b", 2, 7), false, 256, "{\"status\":-2}"));
+  EXPECT_TRUE(messages->writeMessage(Package("a", 1, 6), false, 256, "{\"status\":1}"));
+  EXPECT_EQ(Read(kNative),
+            "{\"image_path\":\"/data/rvx/imgs/a.zip\",\"msg_source\":\"mend\",\"msg_type\":256,"
+            "\"need_response\":false,\"response_content\":\"{\\\"status\\\":1}\",\"task_id\":6,"
+            "\"update_package_name\":\"a\",\"update_version_code\":1}\n"
+            "{\"image_path\":\"/data/rvx/imgs/b.zip\",\"msg_source\":\"mend\",\"msg_type\":256,"
+            "\"need_response\":false,\"response_content\":\"{\\\"status\\\":-2}\",\"task_id\":7,"
+            "\"update_package_name\":\"b\",\"update_version_code\":2}\n");
+}
+
+TEST_F(StateStoreTest, ResponseNeedsAnAppMessageAndChangesOnlyItsContent) {
+  messages->syncMsgList();
+  EXPECT_FALSE(messages->writeMsgResponse(Package("a", 1), "{\"status\":1}"));
+  EXPECT_FALSE(std::filesystem::exists(kApp));
+
+  Write(kApp,
+        "{\"update_package_name\":\"a\",\"update_version_code\":1,\"msg_source\":\"whoever\","
+        "\"need_response\":true,\"msg_type\":3,\"task_id\":4,\"image_path\":\"/x\"}\n"
+        "junk\n");
+  messages->syncMsgList();
+  EXPECT_FALSE(messages->writeMsgResponse(Package("b", 1), "{\"status\":1}"));
+  // The version is not compared: the app's message for the name is answered.
+  EXPECT_TRUE(messages->writeMsgResponse(Package("a", 9), "{\"status\":1}"));
+  EXPECT_EQ(Read(kApp),
+            "{\"image_path\":\"\",\"msg_source\":\"\",\"msg_type\":0,\"need_response\":false,"
+            "\"response_content\":\"\",\"task_id\":0,\"update_package_name\":\"\","
+            "\"update_version_code\":0}\n"
+            "{\"image_path\":\"/x\",\"msg_source\":\"whoever\",\"msg_type\":3,\"need_response\":true,"
+            "\"response_content\":\"{\\\"status\\\":1}\",\"task_id\":4,\"update_package_name\":\"a\","
+            "\"update_version_code\":1}\n");
+}
+
+}  // namespace
+}  // namespace init
+}  // namespace android

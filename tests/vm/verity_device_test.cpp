@@ -1,0 +1,457 @@
+// dm-verity devices on a real kernel: runs inside the virtual test device as
+// root, over the reference packages' signed images attached to loop devices.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <android-base/file.h>
+#include <android-base/strings.h>
+#include <android-base/unique_fd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <set>
+
+#include "avb_fixtures.h"
+#include "image_loop.h"
+#include "log_capture.h"
+#include "mend_mount.h"
+#include "verity_fixtures.h"
+
+namespace {
+
+using android::base::unique_fd;
+using android::dm::DeviceMapper;
+using android::dm::DmDeviceState;
+using android::dm::DmTable;
+using android::dm::TargetInfo;
+using android::rpk::CreateVerityDevice;
+using android::rpk::CreateVerityTable;
+using android::rpk::DeleteVerityDevice;
+using android::rpk::DmVerityDevice;
+using android::rpk::ReadVerityDevice;
+using android::rpk::RpkVerityData;
+using mend_test::ImageLoop;
+using mend_test::LogCapture;
+
+class VerityDeviceTest : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    // A failed test must not leave a device for the next one to trip on.
+    for (const auto& name : names_) {
+      if (dm_.GetState(name) != DmDeviceState::INVALID) dm_.DeleteDevice(name);
+    }
+  }
+
+  // Attaches the image of reference package `package` and takes its verity
+  // parameters from the manifest.
+  void Attach(const std::string& package) {
+    package_ = package;
+    data_ = mend_test::ManifestVerityData(package);
+    loop_ = ImageLoop::Attach(mend_test::AvbFixture("pkgs/" + package + ".zip"),
+                              mend_test::ManifestImageOffset(package),
+                              mend_test::ManifestImageSize(package));
+    ASSERT_NE(loop_, nullptr);
+  }
+
+  std::unique_ptr<DmTable> Table(bool restart_on_corruption) const {
+    return CreateVerityTable(data_, loop_->path(), loop_->path(), restart_on_corruption);
+  }
+
+  // A device name for this test, removed at the end whatever happens.
+  std::string Name(const std::string& suffix = "") {
+    std::string name = std::string("vm_") +
+                       ::testing::UnitTest::GetInstance()->current_test_info()->name() + suffix;
+    std::replace(name.begin(), name.end(), '/', '_');
+    names_.push_back(name);
+    return name;
+  }
+
+  DmDeviceState State(const std::string& name) const { return dm_.GetState(name); }
+
+  // The single line of the live table, or its status, as the kernel reports it.
+  TargetInfo Reported(const std::string& name, bool table) const {
+    std::vector<TargetInfo> targets;
+    const bool ok = table ? dm_.GetTableInfo(name, &targets) : dm_.GetTableStatus(name, &targets);
+    EXPECT_TRUE(ok);
+    EXPECT_EQ(targets.size(), 1u);
+    return targets.empty() ? TargetInfo{} : targets.front();
+  }
+
+  // The parameters the kernel prints for this package's table: the
+  // manifest's line with the loop device as major:minor.
+  std::string ExpectedParams(bool restart_on_corruption) const {
+    std::string line = mend_test::ManifestPackage(package_)["hashtree"]["dm_table"].asString();
+    line = line.substr(line.find(" verity ") + 8);
+    line = android::base::StringReplace(line, "DEV", loop_->DeviceNumber(), true);
+    if (restart_on_corruption) {
+      // The kernel prints the mode before ignore_zero_blocks, whatever the
+      // order of the loaded line.
+      line = android::base::StringReplace(line, " 1 ignore_zero_blocks",
+                                          " 2 restart_on_corruption ignore_zero_blocks", false);
+    }
+    return line;
+  }
+
+  DeviceMapper& dm_ = DeviceMapper::Instance();
+  std::string package_;
+  RpkVerityData data_;
+  std::unique_ptr<ImageLoop> loop_;
+  std::vector<std::string> names_;
+};
+
+bool NodeExists(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0;
+}
+
+size_t WarningCount(const LogCapture& log) {
+  size_t count = 0;
+  for (const auto& line : log.Lines()) count += line.rfind("W ", 0) == 0;
+  return count;
+}
+
+class SignedImageTest : public VerityDeviceTest,
+                        public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(SignedImageTest, ReadsEndToEndAndIsRemovedWithItsHolder) {
+  ASSERT_NO_FATAL_FAILURE(Attach(GetParam()));
+  const std::string name = Name();
+  std::string path;
+  {
+    auto device = CreateVerityDevice(name, *Table(false), false);
+    ASSERT_TRUE(device.ok()) << device.error();
+    path = device->GetDevPath();
+    EXPECT_EQ(device->GetName(), name);
+    std::string by_name;
+    ASSERT_TRUE(dm_.GetDmDevicePathByName(name, &by_name));
+    EXPECT_EQ(path, by_name);
+    EXPECT_EQ(State(name), DmDeviceState::ACTIVE);
+
+    auto read = ReadVerityDevice(path, data_.desc->image_size);
+    EXPECT_TRUE(read.ok()) << read.error();
+    EXPECT_EQ(Reported(name, false).data, "V");
+  }
+  EXPECT_EQ(State(name), DmDeviceState::INVALID);
+  EXPECT_FALSE(NodeExists(path));
+}
+
+INSTANTIATE_TEST_SUITE_P(ReferencePackages, SignedImageTest,
+                         ::testing::Values("valid_2048", "valid_sha512"));
+
+TEST_F(VerityDeviceTest, CorruptedDataBlockFailsTheRead) {
+  ASSERT_NO_FATAL_FAILURE(Attach("data_corrupt"));
+  const std::string name = Name();
+  auto device = CreateVerityDevice(name, *Table(false), false);
+  ASSERT_TRUE(device.ok()) << device.error();
+
+  auto read = ReadVerityDevice(device->GetDevPath(), data_.desc->image_size);
+  ASSERT_FALSE(read.ok());
+  EXPECT_EQ(read.error().message(),
+            "Can't verify " + device->GetDevPath() + "corrupted: " + strerror(EIO));
+  EXPECT_EQ(read.error().code(), EIO);
+  EXPECT_EQ(Reported(name, false).data, "C");
+}
+
+TEST_F(VerityDeviceTest, KernelReportsTheTableAsBuilt) {
+  ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
+  for (bool restart : {false, true}) {
+    SCOPED_TRACE(restart ? "restart_on_corruption" : "trial");
+    const std::string name = Name(restart ? "_real" : "_trial");
+    auto device = CreateVerityDevice(name, *Table(restart), false);
+    ASSERT_TRUE(device.ok()) << device.error();
+    const TargetInfo line = Reported(name, true);
+    EXPECT_EQ(line.start, 0u);
+    EXPECT_EQ(line.length, 8192u);
+    EXPECT_EQ(line.type, "verity");
+    EXPECT_EQ(line.data, ExpectedParams(restart));
+  }
+}
+
+TEST_F(VerityDeviceTest, ActiveDeviceOfTheSameNameIsReplaced) {
+  ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
+  const std::string name = Name();
+  auto leftover = CreateVerityDevice(name, *Table(false), false);
+  ASSERT_TRUE(leftover.ok()) << leftover.error();
+  leftover->Release();
+
+  LogCapture log;
+  auto device = CreateVerityDevice(name, *Table(true), false);
+  ASSERT_TRUE(device.ok()) << device.error();
+  EXPECT_EQ(log.Count("W Deleting existing active dm device " + name), 1u);
+  EXPECT_EQ(WarningCount(log), 1u);
+  EXPECT_EQ(Reported(name, true).data, ExpectedParams(true));
+  EXPECT_TRUE(ReadVerityDevice(device->GetDevPath(), data_.desc->image_size).ok());
+}
+
+TEST_F(VerityDeviceTest, ActiveDeviceThatCannotBeRemovedIsKept) {
+  ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
+  const std::string name = Name();
+  auto leftover = CreateVerityDevice(name, *Table(false), false);
+  ASSERT_TRUE(leftover.ok()) << leftover.error();
+  leftover->Release();
+  // An open device cannot be removed.
+  unique_fd busy(open(leftover->GetDevPath().c_str(), O_RDONLY | O_CLOEXEC));
+  ASSERT_GE(busy.get(), 0);
+
+  auto device = CreateVerityDevice(name, *Table(true), false);
+  ASSERT_FALSE(device.ok());
+  EXPECT_EQ(device.error().message(), "Failed to delete dm-device " + name);
+  EXPECT_EQ(device.error().code(), 0);
+  EXPECT_EQ(State(name), DmDeviceState::ACTIVE);
+  EXPECT_EQ(Reported(name, true).data, ExpectedParams(false));
+}
+
+TEST_F(VerityDeviceTest, DeviceWithoutTableIsReused) {
+  ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
+  const std::string name = Name();
+  ASSERT_TRUE(dm_.CreateEmptyDevice(name));
+  ASSERT_EQ(State(name), DmDeviceState::SUSPENDED);
+  dev_t before;
+  ASSERT_TRUE(dm_.GetDeviceNumber(name, &before));
+
+  LogCapture log;
+  auto device = CreateVerityDevice(name, *Table(false), false);
+  ASSERT_TRUE(device.ok()) << device.error();
+  EXPECT_EQ(WarningCount(log), 0u);
+  dev_t after;
+  ASSERT_TRUE(dm_.GetDeviceNumber(name, &after));
+  EXPECT_EQ(after, before);
+  EXPECT_EQ(State(name), DmDeviceState::ACTIVE);
+  EXPECT_TRUE(ReadVerityDevice(device->GetDevPath(), data_.desc->image_size).ok());
+}
+
+TEST_F(VerityDeviceTest, SuspendedDeviceGetsTheNewTable) {
+  ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
+  const std::string name = Name();
+  auto first = CreateVerityDevice(name, *Table(false), false);
+  ASSERT_TRUE(first.ok()) << first.error();
+  first->Release();
+  ASSERT_TRUE(dm_.ChangeState(name, DmDeviceState::SUSPENDED));
+  ASSERT_EQ(State(name), DmDeviceState::SUSPENDED);
+
+  auto device = CreateVerityDevice(name, *Table(true), false);
+  ASSERT_TRUE(device.ok()) << device.error();
+  EXPECT_EQ(device->GetDevPath(), first->GetDevPath());
+  EXPECT_EQ(State(name), DmDeviceState::ACTIVE);
+  EXPECT_EQ(Reported(name, true).data, ExpectedParams(true));
+}
+
+TEST_F(VerityDeviceTest, SuspendedDeviceThatRefusesTheTableIsRemoved) {
+  ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
+  const std::string name = Name();
+  ASSERT_TRUE(dm_.CreateEmptyDevice(name));
+  auto table = CreateVerityTable(data_, "/dev/no-such-disk", "/dev/no-such-disk", false);
+
+  auto device = CreateVerityDevice(name, *table, false);
+  ASSERT_FALSE(device.ok());
+  EXPECT_EQ(device.error().message(), "Failed to activate dm device " + name);
+  EXPECT_EQ(device.error().code(), 0);
+  EXPECT_EQ(State(name), DmDeviceState::INVALID);
+}
+
+TEST_F(VerityDeviceTest, FailedCreationLeavesNoDevice) {
+  ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
+  const std::string name = Name();
+  // A verity device must be read-only, and its devices must exist.
+  std::vector<std::unique_ptr<DmTable>> tables;
+  tables.push_back(Table(false));
+  tables.back()->set_readonly(false);
+  tables.push_back(CreateVerityTable(data_, "/dev/no-such-disk", "/dev/no-such-disk", false));
+  for (const auto& table : tables) {
+    auto device = CreateVerityDevice(name, *table, false);
+    ASSERT_FALSE(device.ok());
+    EXPECT_EQ(device.error().message(), "Couldn't create verity device.");
+    EXPECT_EQ(device.error().code(), 0);
+    EXPECT_EQ(State(name), DmDeviceState::INVALID);
+  }
+}
+
+TEST_F(VerityDeviceTest, MovedFromHoldersDoNothing) {
+  ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
+  const std::string name = Name();
+  {
+    DmVerityDevice outer;
+    {
+      auto made = CreateVerityDevice(name, *Table(false), false);
+      ASSERT_TRUE(made.ok()) << made.error();
+      DmVerityDevice moved(std::move(*made));
+      outer = std::move(moved);
+    }
+    // Neither the result nor the intermediate holder removed it.
+    EXPECT_EQ(State(name), DmDeviceState::ACTIVE);
+    EXPECT_EQ(outer.GetName(), name);
+  }
+  EXPECT_EQ(State(name), DmDeviceState::INVALID);
+
+  LogCapture log;
+  { DmVerityDevice empty; }
+  EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST_F(VerityDeviceTest, ReleasedHolderKeepsTheDevice) {
+  ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
+  const std::string name = Name();
+  {
+    auto device = CreateVerityDevice(name, *Table(false), false);
+    ASSERT_TRUE(device.ok()) << device.error();
+    device->Release();
+  }
+  EXPECT_EQ(State(name), DmDeviceState::ACTIVE);
+  EXPECT_TRUE(DeleteVerityDevice(name, false).ok());
+  EXPECT_EQ(State(name), DmDeviceState::INVALID);
+}
+
+TEST_F(VerityDeviceTest, MoveAssignmentOrphansTheDeviceItReplaces) {
+  ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
+  const std::string first = Name("_first");
+  const std::string second = Name("_second");
+  {
+    auto a = CreateVerityDevice(first, *Table(false), false);
+    auto b = CreateVerityDevice(second, *Table(false), false);
+    ASSERT_TRUE(a.ok() && b.ok());
+    *a = std::move(*b);
+    EXPECT_EQ(a->GetName(), second);
+  }
+  EXPECT_EQ(State(second), DmDeviceState::INVALID);
+  EXPECT_EQ(State(first), DmDeviceState::ACTIVE);
+}
+
+TEST_F(VerityDeviceTest, HolderLogsARemovalThatFails) {
+  ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
+  const std::string name = Name();
+  unique_fd busy;
+  LogCapture log;
+  {
+    auto device = CreateVerityDevice(name, *Table(false), false);
+    ASSERT_TRUE(device.ok()) << device.error();
+    busy.reset(open(device->GetDevPath().c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_GE(busy.get(), 0);
+  }
+  EXPECT_TRUE(log.Has("E Failed to delete dm-device " + name));
+  EXPECT_EQ(State(name), DmDeviceState::ACTIVE);
+}
+
+TEST_F(VerityDeviceTest, DeletingAMissingDeviceFails) {
+  auto deleted = DeleteVerityDevice("vm_no_such_device", false);
+  ASSERT_FALSE(deleted.ok());
+  EXPECT_EQ(deleted.error().message(), "Failed to delete dm-device vm_no_such_device");
+  EXPECT_EQ(deleted.error().code(), 0);
+}
+
+TEST_F(VerityDeviceTest, ReadingPastTheDeviceFails) {
+  ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
+  auto device = CreateVerityDevice(Name(), *Table(false), false);
+  ASSERT_TRUE(device.ok()) << device.error();
+  EXPECT_TRUE(ReadVerityDevice(device->GetDevPath(), 0).ok());
+  auto read = ReadVerityDevice(device->GetDevPath(), data_.desc->image_size + 4096);
+  ASSERT_FALSE(read.ok());
+  EXPECT_TRUE(android::base::StartsWith(read.error().message(),
+                                        "Can't verify " + device->GetDevPath() + "corrupted: "));
+}
+
+// The device-mapper stand-in itself, where the daemon's code does not reach.
+class DeviceMapperTest : public VerityDeviceTest {};
+
+TEST_F(DeviceMapperTest, NodeIsReadyWhenCreateReturns) {
+  ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
+  const std::string name = Name();
+  std::string path;
+  ASSERT_TRUE(dm_.CreateDevice(name, *Table(false), &path, std::chrono::milliseconds(1000)));
+  dev_t dev;
+  ASSERT_TRUE(dm_.GetDeviceNumber(name, &dev));
+  struct stat st;
+  ASSERT_EQ(stat(path.c_str(), &st), 0) << path;
+  EXPECT_TRUE(S_ISBLK(st.st_mode));
+  EXPECT_EQ(st.st_rdev, dev);
+  EXPECT_EQ(path, "/dev/dm-" + std::to_string(minor(dev)));
+
+  std::string waited;
+  EXPECT_TRUE(dm_.WaitForDevice(name, std::chrono::milliseconds(0), &waited));
+  EXPECT_EQ(waited, path);
+
+  ASSERT_TRUE(dm_.DeleteDevice(name, std::chrono::milliseconds(750)));
+  EXPECT_FALSE(NodeExists(path));
+  EXPECT_FALSE(dm_.WaitForDevice(name, std::chrono::milliseconds(100), &waited));
+  EXPECT_FALSE(dm_.DeleteDevice(name));
+}
+
+TEST_F(DeviceMapperTest, NamesMustFitTheKernelField) {
+  ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
+  std::string path;
+  const auto timeout = std::chrono::milliseconds(1000);
+  EXPECT_FALSE(dm_.CreateDevice("", *Table(false), &path, timeout));
+  const std::string too_long(128, 'n');
+  EXPECT_FALSE(dm_.CreateDevice(too_long, *Table(false), &path, timeout));
+  EXPECT_EQ(State(too_long), DmDeviceState::INVALID);
+
+  const std::string prefix = Name();
+  const std::string longest = prefix + std::string(127 - prefix.size(), 'n');
+  names_.push_back(longest);
+  EXPECT_TRUE(dm_.CreateDevice(longest, *Table(false), &path, timeout));
+  EXPECT_EQ(State(longest), DmDeviceState::ACTIVE);
+}
+
+TEST_F(DeviceMapperTest, EachDeviceGetsItsOwnUuid) {
+  const std::string first = Name("_a");
+  const std::string second = Name("_b");
+  ASSERT_TRUE(dm_.CreateEmptyDevice(first));
+  ASSERT_TRUE(dm_.CreateEmptyDevice(second));
+  // The kernel exposes the uuid once the device has a disk: give it one.
+  ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
+  std::set<std::string> uuids;
+  for (const auto& name : {first, second}) {
+    ASSERT_TRUE(dm_.LoadTableAndActivate(name, *Table(false)));
+    std::string path;
+    ASSERT_TRUE(dm_.GetDmDevicePathByName(name, &path));
+    std::string uuid;
+    ASSERT_TRUE(android::base::ReadFileToString(
+        "/sys/block/" + path.substr(5) + "/dm/uuid", &uuid));
+    uuid = android::base::Trim(uuid);
+    EXPECT_EQ(uuid.size(), 36u) << uuid;
+    EXPECT_EQ(uuid.find_first_not_of("0123456789abcdef-"), std::string::npos) << uuid;
+    uuids.insert(uuid);
+  }
+  EXPECT_EQ(uuids.size(), 2u);
+}
+
+TEST_F(DeviceMapperTest, ParentOfAVerityDeviceIsItsLoopDevice) {
+  ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
+  auto device = CreateVerityDevice(Name(), *Table(false), false);
+  ASSERT_TRUE(device.ok()) << device.error();
+  const std::string kernel_name = device->GetDevPath().substr(5);  // dm-N
+
+  EXPECT_EQ(dm_.GetParentBlockDeviceByPath("/dev/block/" + kernel_name),
+            "/dev/block/" + loop_->path().substr(5));
+  // The bottom of the stack, and paths outside /dev/block/, have none.
+  EXPECT_EQ(dm_.GetParentBlockDeviceByPath("/dev/block/" + loop_->path().substr(5)),
+            std::nullopt);
+  EXPECT_EQ(dm_.GetParentBlockDeviceByPath(device->GetDevPath()), std::nullopt);
+  EXPECT_EQ(dm_.GetParentBlockDeviceByPath("/dev/block/dm-999"), std::nullopt);
+}
+
+TEST_F(DeviceMapperTest, StatesFollowTheDeviceLifecycle) {
+  ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
+  const std::string name = Name();
+  EXPECT_EQ(State(name), DmDeviceState::INVALID);
+  ASSERT_TRUE(dm_.CreateEmptyDevice(name));
+  EXPECT_EQ(State(name), DmDeviceState::SUSPENDED);
+  std::vector<TargetInfo> targets;
+  EXPECT_TRUE(dm_.GetTableInfo(name, &targets));
+  EXPECT_TRUE(targets.empty());
+  ASSERT_TRUE(dm_.LoadTableAndActivate(name, *Table(false)));
+  EXPECT_EQ(State(name), DmDeviceState::ACTIVE);
+  ASSERT_TRUE(dm_.ChangeState(name, DmDeviceState::SUSPENDED));
+  EXPECT_EQ(State(name), DmDeviceState::SUSPENDED);
+  ASSERT_TRUE(dm_.ChangeState(name, DmDeviceState::ACTIVE));
+  EXPECT_EQ(State(name), DmDeviceState::ACTIVE);
+  EXPECT_FALSE(dm_.ChangeState(name, DmDeviceState::INVALID));
+  ASSERT_TRUE(dm_.DeleteDevice(name));
+  EXPECT_EQ(State(name), DmDeviceState::INVALID);
+}
+
+}  // namespace
