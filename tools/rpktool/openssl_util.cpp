@@ -1,0 +1,18 @@
+#include "openssl_util.h"
+
+#include <openssl/err.h>
+
+namespace rpktool {
+
+std::string OpenSslErrors() {
+  std::string text;
+  while (unsigned long code = ERR_get_error()) {
+    char buffer[256];
+    ERR_error_string_n(code, buffer, sizeof(buffer));
+    if (!text.empty()) text += "; ";
+    text += buffer;
+  }
+  return text;
+}
+
+}  // namespace rpktool

@@ -1,0 +1,54 @@
+#pragma once
+
+// A progress line on stderr for long work, drawn only when stderr is a
+// terminal. Workers add bytes from any thread; a background thread redraws
+// a few times per second.
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace rpktool {
+
+class Progress {
+ public:
+  // Shows nothing when `enabled` is false or stderr is not a terminal.
+  Progress(std::string label, uint64_t total_bytes, bool enabled = true);
+  ~Progress();
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+
+  void Add(uint64_t bytes) { done_.fetch_add(bytes, std::memory_order_relaxed); }
+  // Clears the line; called by the destructor too.
+  void Finish();
+
+ private:
+  void Draw();
+
+  std::string label_;
+  uint64_t total_;
+  std::atomic<uint64_t> done_{0};
+  bool active_;
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  bool stop_ = false;
+  std::thread drawer_;
+};
+
+// A one-line note on stderr for a step without measurable progress, shown
+// only on a terminal and cleared when dropped.
+class StatusLine {
+ public:
+  StatusLine(const std::string& text, bool enabled);
+  ~StatusLine();
+  StatusLine(const StatusLine&) = delete;
+  StatusLine& operator=(const StatusLine&) = delete;
+
+ private:
+  bool shown_;
+};
+
+}  // namespace rpktool

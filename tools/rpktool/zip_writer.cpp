@@ -1,0 +1,169 @@
+#include "zip_writer.h"
+
+#include <unistd.h>
+#include <zlib.h>
+
+#include <algorithm>
+
+#include "byte_order.h"
+#include "file_io.h"
+
+namespace rpktool {
+
+using android::base::Error;
+using android::base::Result;
+
+namespace {
+
+constexpr uint32_t kLocalHeaderSignature = 0x04034b50;
+constexpr uint32_t kCentralHeaderSignature = 0x02014b50;
+constexpr uint32_t kEndOfCentralDirectorySignature = 0x06054b50;
+constexpr size_t kLocalHeaderSize = 30;
+constexpr size_t kCentralHeaderSize = 46;
+constexpr size_t kEndOfCentralDirectorySize = 22;
+constexpr size_t kAlignmentExtraMinSize = 6;  // id, length, alignment value
+constexpr uint16_t kVersionNeededStored = 10;
+constexpr uint16_t kVersionMadeByUnix = (3 << 8) | 20;
+constexpr uint32_t kRegularFileMode = 0100644;
+
+}  // namespace
+
+uint32_t Crc32(uint32_t crc, const uint8_t* data, size_t size) {
+  while (size > 0) {
+    const uInt piece = static_cast<uInt>(std::min<size_t>(size, 1u << 30));
+    crc = static_cast<uint32_t>(crc32(crc, data, piece));
+    data += piece;
+    size -= piece;
+  }
+  return crc;
+}
+
+uint32_t Crc32Zeros(uint32_t crc, uint64_t count) {
+  static const std::vector<uint8_t> kZeros(64 * 1024, 0);
+  while (count > 0) {
+    const size_t piece = static_cast<size_t>(std::min<uint64_t>(count, kZeros.size()));
+    crc = Crc32(crc, kZeros.data(), piece);
+    count -= piece;
+  }
+  return crc;
+}
+
+uint32_t Crc32Combine(uint32_t crc_a, uint32_t crc_b, uint64_t length_b) {
+  return static_cast<uint32_t>(crc32_combine64(crc_a, crc_b, static_cast<z_off64_t>(length_b)));
+}
+
+StoredZipWriter::StoredZipWriter(int fd, time_t modified) : fd_(fd) {
+  struct tm utc;
+  gmtime_r(&modified, &utc);
+  if (utc.tm_year < 80) {  // DOS dates start in 1980
+    utc = {};
+    utc.tm_year = 80;
+    utc.tm_mday = 1;
+  }
+  dos_time_ = static_cast<uint16_t>(utc.tm_hour << 11 | utc.tm_min << 5 | utc.tm_sec / 2);
+  dos_date_ = static_cast<uint16_t>((utc.tm_year - 80) << 9 | (utc.tm_mon + 1) << 5 | utc.tm_mday);
+}
+
+Result<uint64_t> StoredZipWriter::AddMember(const std::string& name, const std::string& data) {
+  auto offset = ReserveMember(name, data.size(), 0);
+  if (!offset.ok()) return offset.error();
+  auto written = WriteAt(fd_, data.data(), data.size(), *offset);
+  if (!written.ok()) return written.error();
+  SetCrc(name, Crc32(0, reinterpret_cast<const uint8_t*>(data.data()), data.size()));
+  return *offset;
+}
+
+uint64_t StoredZipWriter::PlannedDataOffset(const std::string& name, uint32_t alignment) const {
+  const uint64_t data_offset = end_ + kLocalHeaderSize + name.size();
+  if (alignment <= 1) return data_offset;
+  return RoundUp(data_offset + kAlignmentExtraMinSize, alignment);
+}
+
+Result<uint64_t> StoredZipWriter::ReserveMember(const std::string& name, uint64_t size,
+                                                uint32_t alignment) {
+  if (name.empty() || name.size() > 0xffff) return Error() << "bad zip member name";
+  const uint64_t header_offset = end_;
+  const uint64_t data_offset = PlannedDataOffset(name, alignment);
+  if (size > kMaxZipSize || data_offset + size > kMaxZipSize) {
+    return Error() << "member " << name << " would end beyond 4 GiB, which plain zip cannot hold";
+  }
+  members_.push_back({name, header_offset, data_offset, size, 0, alignment});
+  end_ = data_offset + size;
+  return data_offset;
+}
+
+void StoredZipWriter::SetCrc(const std::string& name, uint32_t crc) {
+  for (auto& member : members_) {
+    if (member.name == name) member.crc = crc;
+  }
+}
+
+std::vector<uint8_t> StoredZipWriter::LocalHeader(const Member& m) const {
+  const size_t extra = m.data_offset - m.header_offset - kLocalHeaderSize - m.name.size();
+  std::vector<uint8_t> out(kLocalHeaderSize + m.name.size() + extra, 0);
+  uint8_t* p = out.data();
+  PutLe32(p, kLocalHeaderSignature);
+  PutLe16(p + 4, kVersionNeededStored);
+  PutLe16(p + 6, 0);  // flags
+  PutLe16(p + 8, 0);  // method: stored
+  PutLe16(p + 10, dos_time_);
+  PutLe16(p + 12, dos_date_);
+  PutLe32(p + 14, m.crc);
+  PutLe32(p + 18, static_cast<uint32_t>(m.size));
+  PutLe32(p + 22, static_cast<uint32_t>(m.size));
+  PutLe16(p + 26, static_cast<uint16_t>(m.name.size()));
+  PutLe16(p + 28, static_cast<uint16_t>(extra));
+  std::copy(m.name.begin(), m.name.end(), p + kLocalHeaderSize);
+  if (extra >= kAlignmentExtraMinSize) {
+    uint8_t* field = p + kLocalHeaderSize + m.name.size();
+    PutLe16(field, kAlignmentExtraId);
+    PutLe16(field + 2, static_cast<uint16_t>(extra - 4));
+    PutLe16(field + 4, static_cast<uint16_t>(std::min<uint32_t>(m.alignment, 0xffff)));
+  }
+  return out;
+}
+
+Result<void> StoredZipWriter::Finish() {
+  std::vector<uint8_t> directory;
+  for (const auto& m : members_) {
+    auto local = LocalHeader(m);
+    auto written = WriteAt(fd_, local.data(), local.size(), m.header_offset);
+    if (!written.ok()) return written.error();
+
+    std::vector<uint8_t> entry(kCentralHeaderSize + m.name.size(), 0);
+    uint8_t* p = entry.data();
+    PutLe32(p, kCentralHeaderSignature);
+    PutLe16(p + 4, kVersionMadeByUnix);
+    PutLe16(p + 6, kVersionNeededStored);
+    PutLe16(p + 10, 0);  // method: stored
+    PutLe16(p + 12, dos_time_);
+    PutLe16(p + 14, dos_date_);
+    PutLe32(p + 16, m.crc);
+    PutLe32(p + 20, static_cast<uint32_t>(m.size));
+    PutLe32(p + 24, static_cast<uint32_t>(m.size));
+    PutLe16(p + 28, static_cast<uint16_t>(m.name.size()));
+    PutLe32(p + 38, kRegularFileMode << 16);
+    PutLe32(p + 42, static_cast<uint32_t>(m.header_offset));
+    std::copy(m.name.begin(), m.name.end(), p + kCentralHeaderSize);
+    directory.insert(directory.end(), entry.begin(), entry.end());
+  }
+  const uint64_t directory_offset = end_;
+  std::vector<uint8_t> tail(kEndOfCentralDirectorySize, 0);
+  PutLe32(tail.data(), kEndOfCentralDirectorySignature);
+  PutLe16(tail.data() + 8, static_cast<uint16_t>(members_.size()));
+  PutLe16(tail.data() + 10, static_cast<uint16_t>(members_.size()));
+  PutLe32(tail.data() + 12, static_cast<uint32_t>(directory.size()));
+  PutLe32(tail.data() + 16, static_cast<uint32_t>(directory_offset));
+  directory.insert(directory.end(), tail.begin(), tail.end());
+  if (directory_offset + directory.size() > kMaxZipSize) {
+    return Error() << "the archive would exceed 4 GiB, which plain zip cannot hold";
+  }
+  auto written = WriteAt(fd_, directory.data(), directory.size(), directory_offset);
+  if (!written.ok()) return written.error();
+  if (ftruncate(fd_, static_cast<off_t>(directory_offset + directory.size())) != 0) {
+    return android::base::ErrnoError() << "cannot set the archive's size";
+  }
+  return {};
+}
+
+}  // namespace rpktool
