@@ -33,10 +33,6 @@ class VirtualDevice {
 
   // A program, copied to its own absolute path with its shared libraries.
   void AddBinary(const std::string& host_path);
-  // A host file or directory, copied to `guest_path` (default: the same
-  // path); guest paths under /data go to the data disk.
-  void AddFile(const std::string& host_path, const std::string& guest_path = "");
-  void SetEnv(const std::string& name, const std::string& value);
   // Without the uevent listener: no /dev/block, only the kernel's nodes.
   void UsePlainDev() { plain_dev_ = true; }
 

@@ -2,16 +2,14 @@
 // boot that ends early is told apart from a command that returned.
 #include <gtest/gtest.h>
 
+#include "test_files.h"
 #include "virtual_device.h"
 
 namespace {
 
+using mend_test::Contains;
 using mend_test::VirtualDevice;
 using mend_test::VmRun;
-
-bool Contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
 
 TEST(VirtualDeviceTest, CommandSeesTheDeviceAndItsDataComesBack) {
   VirtualDevice device;
