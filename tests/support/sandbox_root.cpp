@@ -67,10 +67,8 @@ SandboxRun SandboxRoot::Run(const std::vector<std::string>& argv,
                             std::chrono::seconds timeout) const {
   fs::remove(HostPath(kExitStatusFile));
   // The shell inside records how the command ended.
-  std::vector<std::string> args = {MEND_SOURCE_DIR "/scripts/sandbox"};
-  args.insert(args.end(), sandbox_options_.begin(), sandbox_options_.end());
-  args.insert(args.end(), {root_, "/bin/sh", "-c",
-                           std::string("\"$@\"; echo $? > ") + kExitStatusFile, "sh"});
+  std::vector<std::string> args = {MEND_SOURCE_DIR "/scripts/sandbox", root_, "/bin/sh", "-c",
+                                   std::string("\"$@\"; echo $? > ") + kExitStatusFile, "sh"};
   args.insert(args.end(), argv.begin(), argv.end());
   RunOptions options;
   options.timeout = timeout;

@@ -22,7 +22,6 @@ VmRun VirtualDevice::Run(const std::vector<std::string>& argv, std::chrono::seco
                                    "--root", root_.path(),
                                    "--status", status_file,
                                    "--timeout", std::to_string(timeout.count())};
-  if (plain_dev_) args.push_back("--plain-dev");
   args.insert(args.end(), options_.begin(), options_.end());
   args.push_back("--");
   args.insert(args.end(), argv.begin(), argv.end());
