@@ -71,47 +71,42 @@ TEST(CreateVerityTableTest, MatchesTheReferencePackagesTables) {
   }
 }
 
-class ReadVerityDeviceTest : public ::testing::Test {
- protected:
-  std::string MakeFile(const std::string& name, size_t size) {
-    mend_test::WriteWholeFile(dir_ / name, std::string(size, 'x'));
-    return dir_ / name;
+TEST(ReadVerityDeviceTest, ReadsTheImagePartOrSaysWhyNot) {
+  mend_test::TempDir dir;
+  const std::string image = dir / "image";
+  const std::string empty = dir / "empty";
+  const std::string short_device = dir / "short";
+  const std::string missing = dir / "missing";
+  mend_test::WriteWholeFile(image, std::string(9 * 1024 * 1024 + 4096, 'x'));
+  mend_test::WriteWholeFile(empty, "");
+  mend_test::WriteWholeFile(short_device, std::string(4 * 1024 * 1024 + 512, 'x'));
+  struct Case {
+    std::string path;
+    uint64_t size;
+    int error;  // 0: the read succeeds
+    std::string message;
+  } cases[] = {
+      // Two full 4 MiB chunks and a short one; less than the whole device is
+      // fine, as only the image part is proven.
+      {image, 9 * 1024 * 1024 + 4096, 0, ""},
+      {image, 4096, 0, ""},
+      // Size zero reads nothing but needs the device.
+      {empty, 0, 0, ""},
+      {missing, 0, ENOENT, "Can't open " + missing + ": "},
+      {short_device, 8 * 1024 * 1024, EIO, "Can't verify " + short_device + "corrupted: "},
+      // A directory opens read-only but every read fails.
+      {dir.path(), 4096, EISDIR, "Can't verify " + dir.path() + "corrupted: "},
+  };
+  for (const Case& c : cases) {
+    auto result = ReadVerityDevice(c.path, c.size);
+    if (c.error == 0) {
+      EXPECT_TRUE(result.ok()) << c.path << ": " << result.error();
+      continue;
+    }
+    ASSERT_FALSE(result.ok()) << c.path;
+    EXPECT_EQ(result.error().message(), c.message + strerror(c.error));
+    EXPECT_EQ(result.error().code(), c.error) << c.path;
   }
-
-  mend_test::TempDir dir_;
-};
-
-TEST_F(ReadVerityDeviceTest, ReadsWholeAndPartialChunks) {
-  // Two full 4 MiB chunks and a short one.
-  const std::string path = MakeFile("image", 9 * 1024 * 1024 + 4096);
-  EXPECT_TRUE(ReadVerityDevice(path, 9 * 1024 * 1024 + 4096).ok());
-  // Less than the whole device is fine: only the image part is proven.
-  EXPECT_TRUE(ReadVerityDevice(path, 4096).ok());
-}
-
-TEST_F(ReadVerityDeviceTest, SizeZeroReadsNothingButNeedsTheDevice) {
-  EXPECT_TRUE(ReadVerityDevice(MakeFile("empty", 0), 0).ok());
-
-  const std::string missing = dir_ / "missing";
-  auto result = ReadVerityDevice(missing, 0);
-  ASSERT_FALSE(result.ok());
-  EXPECT_EQ(result.error().message(), "Can't open " + missing + ": " + strerror(ENOENT));
-  EXPECT_EQ(result.error().code(), ENOENT);
-}
-
-TEST_F(ReadVerityDeviceTest, DeviceShorterThanTheImageFailsAsCorrupted) {
-  const std::string path = MakeFile("short", 4 * 1024 * 1024 + 512);
-  auto result = ReadVerityDevice(path, 8 * 1024 * 1024);
-  ASSERT_FALSE(result.ok());
-  EXPECT_EQ(result.error().message(), "Can't verify " + path + "corrupted: " + strerror(EIO));
-  EXPECT_EQ(result.error().code(), EIO);
-}
-
-TEST_F(ReadVerityDeviceTest, UnreadableDeviceFailsAsCorrupted) {
-  // A directory opens read-only but every read fails with EISDIR.
-  auto result = ReadVerityDevice(dir_.path(), 4096);
-  ASSERT_FALSE(result.ok());
-  EXPECT_EQ(result.error().message(), "Can't verify " + dir_.path() + "corrupted: " + strerror(EISDIR));
 }
 
 }  // namespace

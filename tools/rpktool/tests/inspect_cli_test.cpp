@@ -1,9 +1,12 @@
 // `info` and `verify` on the reference packages: the hash tree parameters
-// info reports equal the manifest's values, and verify reaches each
-// package's stated outcome with the daemon's own error texts.
+// info reports equal the manifest's values, verify reaches each package's
+// stated outcome with the daemon's own error texts, and names what changed
+// after signing.
 
 #include <android-base/strings.h>
 #include <gtest/gtest.h>
+
+#include <filesystem>
 
 #include "tool_test_util.h"
 
@@ -107,7 +110,42 @@ TEST(Verify, CorruptFixtureFailsTheTreeButPassesAvb) {
   EXPECT_EQ(bad["index"].asUInt64(), 13u);
   EXPECT_EQ(bad["image_offset"].asUInt64(), 53248u);
   EXPECT_FALSE(bad["zero_at_signing"].asBool());
+  EXPECT_TRUE(Contains(bad["description"].asString(), "a dm-verity read of it fails")) << bad;
   EXPECT_EQ(result["failure"], bad["description"]);
+}
+
+// valid_2048 with one image byte changed after signing: a flip in the hash
+// tree passes AVB and is named by block and level; a flip in the signed
+// metadata fails in the daemon's code before the tree is looked at.
+TEST(Verify, NamesWhatChangedAfterSigning) {
+  TempDir dir;
+  const std::string path = dir / "changed.zip";
+  const std::string original = AvbFixture("pkgs/valid_2048.zip");
+  const Json::Value info = Info(original);
+  auto verify_with_flip = [&](uint64_t image_byte) {
+    std::filesystem::copy_file(original, path, std::filesystem::copy_options::overwrite_existing);
+    FlipByte(path, info["image"]["offset"].asUInt64() + image_byte);
+    const ProgramRun run =
+        RunTool({"verify", "--json", "--key", AvbFixture("keys/rsa2048.avbpubkey"), path});
+    EXPECT_EQ(run.exit_code, 1) << run.out;
+    return ParseJson(run.out);
+  };
+
+  // The last tree block belongs to level 0, the level of data-block digests.
+  const uint64_t last_tree_block =
+      info["hashtree"]["tree_offset"].asUInt64() + info["hashtree"]["tree_size"].asUInt64() - 4096;
+  Json::Value result = verify_with_flip(last_tree_block + 10);
+  EXPECT_TRUE(result["avb"]["ok"].asBool());
+  const Json::Value& bad = result["hash_tree"]["bad_block"];
+  EXPECT_EQ(bad["kind"].asString(), "hash");
+  EXPECT_EQ(bad["level"].asUInt(), 0u);
+  EXPECT_EQ(bad["image_offset"].asUInt64(), last_tree_block);
+
+  // Inside the signed auxiliary block, after the 256-byte header and the
+  // 320-byte authentication block.
+  result = verify_with_flip(info["footer"]["vbmeta_offset"].asUInt64() + 600);
+  EXPECT_EQ(result["avb"]["error"].asString(), "Error verifying " + path + ": HASH_MISMATCH");
+  EXPECT_FALSE(result["hash_tree"]["checked"].asBool());
 }
 
 TEST(Verify, WithoutAKeyChecksTheEmbeddedOne) {

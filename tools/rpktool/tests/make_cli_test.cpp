@@ -67,9 +67,6 @@ TEST(ExtractPublicKey, ClearErrorsAndExitCodes) {
   EXPECT_EQ(blob_as_pem.exit_code, 1);
   EXPECT_TRUE(Contains(blob_as_pem.err, "no PEM")) << blob_as_pem.err;
   EXPECT_NE(access((dir / "x").c_str(), F_OK), 0) << "nothing written on failure";
-  ProgramRun help = RunTool({"extract-public-key", "--help"});
-  EXPECT_EQ(help.exit_code, 0);
-  EXPECT_TRUE(Contains(help.out, "usage: rpktool extract-public-key"));
 }
 
 struct Signing {
