@@ -27,10 +27,21 @@ std::string ReadWholeFile(const std::string& path) {
   return out.str();
 }
 
+std::string ReadFileOrEmpty(const std::string& path) {
+  std::string content;
+  android::base::ReadFileToString(path, &content);
+  return content;
+}
+
 void WriteWholeFile(const std::string& path, const std::string& content) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   if (!out) Fail("cannot write " + path);
   out << content;
+}
+
+void WriteTreeFile(const std::string& path, const std::string& content) {
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+  WriteWholeFile(path, content);
 }
 
 void FlipByte(const std::string& path, uint64_t offset) {

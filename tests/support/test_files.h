@@ -11,7 +11,11 @@
 namespace mend_test {
 
 std::string ReadWholeFile(const std::string& path);
+// The file's bytes, or "" when it cannot be read.
+std::string ReadFileOrEmpty(const std::string& path);
 void WriteWholeFile(const std::string& path, const std::string& content);
+// Creates `path` with its parent directories and writes `content`.
+void WriteTreeFile(const std::string& path, const std::string& content);
 // XORs the byte at `offset` of the file with 0xff.
 void FlipByte(const std::string& path, uint64_t offset);
 

@@ -136,17 +136,6 @@ std::string Pattern(size_t size, uint32_t seed) {
   return data;
 }
 
-std::string ReadFileOrEmpty(const std::string& path) {
-  std::string content;
-  android::base::ReadFileToString(path, &content);
-  return content;
-}
-
-void WriteTreeFile(const std::string& path, const std::string& content) {
-  fs::create_directories(fs::path(path).parent_path());
-  WriteWholeFile(path, content);
-}
-
 std::vector<std::string> LoopDevicesBackedBy(const std::string& token) {
   std::vector<std::string> devices;
   std::error_code error;

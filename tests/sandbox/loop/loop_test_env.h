@@ -45,9 +45,6 @@ std::string UniqueToken();
 // so a misplaced region never compares equal.
 std::string Pattern(size_t size, uint32_t seed = 0);
 
-std::string ReadFileOrEmpty(const std::string& path);
-// Creates `path` with its parent directories and writes `content`.
-void WriteTreeFile(const std::string& path, const std::string& content);
 
 // Names ("loop3") of the loop devices whose backing file path contains `token`.
 std::vector<std::string> LoopDevicesBackedBy(const std::string& token);
