@@ -300,7 +300,6 @@ TEST_F(QueueDepthTest, DiskLayoutsAndTheirErrors) {
     std::string error;
     int code;
   };
-  const std::string file = kBackingFile;
   const Case cases[] = {
       {"sdc1", {"sdc1!", "sda/sda1"}, kBackingFile, "Failed to determine parent of sdc1", 0},
       {"sdd1", {"sda/sda1"}, kBackingFile, "Failed to determine parent of sdd1", 0},
