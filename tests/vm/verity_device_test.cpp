@@ -4,8 +4,10 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <android-base/file.h>
 #include <android-base/strings.h>
 #include <android-base/unique_fd.h>
 
@@ -14,8 +16,8 @@
 #include <cstring>
 
 #include "avb_fixtures.h"
-#include "image_loop.h"
 #include "log_recorder.h"
+#include "mend_loop.h"
 #include "mend_mount.h"
 #include "verity_fixtures.h"
 
@@ -34,7 +36,8 @@ using android::rpk::DeleteVerityDevice;
 using android::rpk::DmVerityDevice;
 using android::rpk::ReadVerityDevice;
 using android::rpk::RpkVerityData;
-using mend_test::ImageLoop;
+using android::rpk::loop::CreateLoopDevice;
+using android::rpk::loop::LoopbackRepairDeviceUniqueFd;
 using mend_test::LogRecorder;
 
 class VerityDeviceTest : public ::testing::Test {
@@ -46,19 +49,24 @@ class VerityDeviceTest : public ::testing::Test {
     }
   }
 
-  // Attaches the image of reference package `package` and takes its verity
+  // Attaches the image of reference package `package` with the daemon's loop
+  // code (the packages lie on the guest's ext4 /data) and takes its verity
   // parameters from the manifest.
   void Attach(const std::string& package) {
     package_ = package;
     data_ = mend_test::ManifestVerityData(package);
-    loop_ = ImageLoop::Attach(mend_test::AvbFixture("pkgs/" + package + ".zip"),
-                              mend_test::ManifestImageOffset(package),
-                              mend_test::ManifestImageSize(package));
-    ASSERT_NE(loop_, nullptr);
+    auto loop = CreateLoopDevice("/data/pkgs/" + package + ".zip",
+                                 mend_test::ManifestImageOffset(package),
+                                 mend_test::ManifestImageSize(package));
+    ASSERT_TRUE(loop.ok()) << loop.error();
+    loop_ = std::move(*loop);
+    struct stat st;
+    ASSERT_EQ(stat(loop_.name.c_str(), &st), 0);
+    loop_number_ = std::to_string(major(st.st_rdev)) + ":" + std::to_string(minor(st.st_rdev));
   }
 
   std::unique_ptr<DmTable> Table(bool restart_on_corruption) const {
-    return CreateVerityTable(data_, loop_->path(), loop_->path(), restart_on_corruption);
+    return CreateVerityTable(data_, loop_.name, loop_.name, restart_on_corruption);
   }
 
   // A device name for this test, removed at the end whatever happens.
@@ -86,7 +94,7 @@ class VerityDeviceTest : public ::testing::Test {
   std::string ExpectedParams(bool restart_on_corruption) const {
     std::string line = mend_test::ManifestPackage(package_)["hashtree"]["dm_table"].asString();
     line = line.substr(line.find(" verity ") + 8);
-    line = android::base::StringReplace(line, "DEV", loop_->DeviceNumber(), true);
+    line = android::base::StringReplace(line, "DEV", loop_number_, true);
     if (restart_on_corruption) {
       // The kernel prints the mode before ignore_zero_blocks, whatever the
       // order of the loaded line.
@@ -99,7 +107,8 @@ class VerityDeviceTest : public ::testing::Test {
   DeviceMapper& dm_ = DeviceMapper::Instance();
   std::string package_;
   RpkVerityData data_;
-  std::unique_ptr<ImageLoop> loop_;
+  LoopbackRepairDeviceUniqueFd loop_;
+  std::string loop_number_;  // major:minor, as the kernel prints devices in tables
   std::vector<std::string> names_;
 };
 
@@ -356,9 +365,9 @@ TEST_F(DeviceMapperTest, ParentOfAVerityDeviceIsItsLoopDevice) {
   const std::string kernel_name = device->GetDevPath().substr(5);  // dm-N
 
   EXPECT_EQ(dm_.GetParentBlockDeviceByPath("/dev/block/" + kernel_name),
-            "/dev/block/" + loop_->path().substr(5));
+            "/dev/block/" + android::base::Basename(loop_.name));
   // The bottom of the stack, and paths outside /dev/block/, have none.
-  EXPECT_EQ(dm_.GetParentBlockDeviceByPath("/dev/block/" + loop_->path().substr(5)),
+  EXPECT_EQ(dm_.GetParentBlockDeviceByPath("/dev/block/" + android::base::Basename(loop_.name)),
             std::nullopt);
   EXPECT_EQ(dm_.GetParentBlockDeviceByPath(device->GetDevPath()), std::nullopt);
   EXPECT_EQ(dm_.GetParentBlockDeviceByPath("/dev/block/dm-999"), std::nullopt);
