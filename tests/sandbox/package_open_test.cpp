@@ -160,5 +160,16 @@ TEST_F(DeviceKeyTest, KeyFileThatCannotBeAKeyIsTreatedAsMissing) {
   EXPECT_TRUE(log_.Has(ERROR, "Kelb failed to open rpk_public_key"));
 }
 
+TEST_F(DeviceKeyTest, EmptyKeyFileOpensButMatchesNoPackage) {
+  InstallTrustedKey("");
+  const std::string path = InstallPackage("valid_2048");
+  auto file = RpkFile::Open(path);
+  ASSERT_TRUE(file.ok()) << file.error().message();
+  auto data = file->VerifyRpkVerity(file->GetPublicKey());
+  ASSERT_FALSE(data.ok());
+  EXPECT_EQ(data.error().message(),
+            "Error verifying " + path + " : public key doesn't match the pre-installed one");
+}
+
 }  // namespace
 }  // namespace mend_test
