@@ -8,24 +8,13 @@
 #include <sstream>
 
 #include "mend_repair.h"
+#include "test_files.h"
 
 namespace android {
 namespace init {
 namespace {
 
 namespace fs = std::filesystem;
-
-std::string Read(const std::string& path) {
-  std::ifstream in(path);
-  std::ostringstream out;
-  out << in.rdbuf();
-  return out.str();
-}
-
-void Write(const std::string& path, const std::string& text) {
-  fs::create_directories(fs::path(path).parent_path());
-  std::ofstream(path) << text;
-}
 
 MendRepairModule Module(const std::string& package, int64_t task, const std::string& path) {
   MendRepairModule m;
@@ -53,13 +42,13 @@ class OverlayTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_NE(getenv("MEND_SANDBOX"), nullptr) << "run through scripts/sandbox";
-    Write("/system/app/stock.txt", "stock");
-    Write("/system/app/shared.txt", "stock");
-    Write("/system/lib64/libstock.txt", "stock");
-    Write("/mnt/rvx/pkgA/system/app/shared.txt", "A");
-    Write("/mnt/rvx/pkgB/system/app/shared.txt", "B");
-    Write("/mnt/rvx/pkgB/system/app/onlyB.txt", "B");
-    Write("/mnt/rvx/pkgB/system/lib64/libfix.txt", "B");
+    mend_test::WriteTreeFile("/system/app/stock.txt", "stock");
+    mend_test::WriteTreeFile("/system/app/shared.txt", "stock");
+    mend_test::WriteTreeFile("/system/lib64/libstock.txt", "stock");
+    mend_test::WriteTreeFile("/mnt/rvx/pkgA/system/app/shared.txt", "A");
+    mend_test::WriteTreeFile("/mnt/rvx/pkgB/system/app/shared.txt", "B");
+    mend_test::WriteTreeFile("/mnt/rvx/pkgB/system/app/onlyB.txt", "B");
+    mend_test::WriteTreeFile("/mnt/rvx/pkgB/system/lib64/libfix.txt", "B");
   }
   MendRepairManager* repair = MendRepairManager::GetInstance();
 };
@@ -71,9 +60,9 @@ TEST_F(OverlayTest, PackagesOnOnePathShareOneMountSmallestTaskOnTop) {
   // Input order is kept within the group.
   EXPECT_EQ(result.front().parent_package.update_package_name, "pkgB");
 
-  EXPECT_EQ(Read("/system/app/shared.txt"), "A");
-  EXPECT_EQ(Read("/system/app/onlyB.txt"), "B");
-  EXPECT_EQ(Read("/system/app/stock.txt"), "stock");
+  EXPECT_EQ(mend_test::ReadFileOrEmpty("/system/app/shared.txt"), "A");
+  EXPECT_EQ(mend_test::ReadFileOrEmpty("/system/app/onlyB.txt"), "B");
+  EXPECT_EQ(mend_test::ReadFileOrEmpty("/system/app/stock.txt"), "stock");
   const std::string info = MountInfo("/system/app");
   EXPECT_NE(info.find(" overlay overlayfs-system_app "), std::string::npos) << info;
   EXPECT_NE(info.find("lowerdir=/mnt/rvx/pkgA/system/app:/mnt/rvx/pkgB/system/app:/system/app"),
@@ -87,7 +76,7 @@ TEST_F(OverlayTest, PackagesOnOnePathShareOneMountSmallestTaskOnTop) {
 TEST_F(OverlayTest, EqualTaskIdsKeepInputOrder) {
   auto result = repair->startOverlay({Module("pkgB", 5, "/system/app"), Module("pkgA", 5, "/system/app")});
   ASSERT_EQ(result.size(), 2u);
-  EXPECT_EQ(Read("/system/app/shared.txt"), "B");
+  EXPECT_EQ(mend_test::ReadFileOrEmpty("/system/app/shared.txt"), "B");
 }
 
 TEST_F(OverlayTest, AMissingLowerDirectoryFailsTheWholeGroupOnly) {
@@ -111,7 +100,7 @@ TEST_F(OverlayTest, AMissingLowerDirectoryFailsTheWholeGroupOnly) {
 }
 
 TEST_F(OverlayTest, SourceNameAlwaysDropsTheFirstCharacter) {
-  Write("/mnt/rvx/pkgArel/system/app/x.txt", "x");
+  mend_test::WriteTreeFile("/mnt/rvx/pkgArel/system/app/x.txt", "x");
   ASSERT_EQ(chdir("/"), 0);
   auto result = repair->startOverlay({Module("pkgA", 1, "system/app")});
   ASSERT_EQ(result.size(), 1u);
@@ -119,7 +108,7 @@ TEST_F(OverlayTest, SourceNameAlwaysDropsTheFirstCharacter) {
   // /mnt/rvx/pkgAsystem/app, which does not exist, so the mount fails.
   EXPECT_FALSE(result.front().is_overlay_success);
 
-  Write("/mnt/rvx/pkgAsystem/app/x.txt", "x");
+  mend_test::WriteTreeFile("/mnt/rvx/pkgAsystem/app/x.txt", "x");
   result = repair->startOverlay({Module("pkgA", 1, "system/app")});
   ASSERT_TRUE(result.front().is_overlay_success);
   EXPECT_NE(MountInfo("/system/app").find(" overlayfs-ystem_app "), std::string::npos)

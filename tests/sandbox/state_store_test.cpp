@@ -5,11 +5,10 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
 #include "mend_message.h"
 #include "mend_shared_prefs.h"
+#include "test_files.h"
 
 namespace android {
 namespace init {
@@ -19,14 +18,8 @@ const char kSp[] = "/data/rvx/files/shared_prefs.cfg";
 const char kApp[] = "/data/rvx/msgs/app.msg";
 const char kNative[] = "/data/rvx/msgs/native.msg";
 
-std::string Read(const char* path) {
-  std::ifstream in(path);
-  std::ostringstream out;
-  out << in.rdbuf();
-  return out.str();
-}
-
-void Write(const char* path, const std::string& text) { std::ofstream(path) << text; }
+using mend_test::ReadFileOrEmpty;
+using mend_test::WriteWholeFile;
 
 MendRepairPackage Package(const std::string& name, int64_t version, int64_t task = 0) {
   MendRepairPackage p;
@@ -50,30 +43,30 @@ class StateStoreTest : public ::testing::Test {
 };
 
 TEST_F(StateStoreTest, ReadMatchesByNameButUpdatesNeedNameAndVersion) {
-  Write(kSp, "{\"update_package_name\":\"a\",\"update_version_code\":3,\"task_id\":9}\n");
-  const std::string before = Read(kSp);
+  WriteWholeFile(kSp, "{\"update_package_name\":\"a\",\"update_version_code\":3,\"task_id\":9}\n");
+  const std::string before = ReadFileOrEmpty(kSp);
   prefs->syncSpList();
 
   EXPECT_FALSE(prefs->updateRepairStatus(Package("a", 4), true));
   EXPECT_FALSE(prefs->updateCanDelete(Package("a", 4), true));
   EXPECT_FALSE(prefs->updateBootFailedCount(Package("b", 3)));
-  EXPECT_EQ(Read(kSp), before);
+  EXPECT_EQ(ReadFileOrEmpty(kSp), before);
   EXPECT_EQ(prefs->readSp(Package("a", 4)).task_id, 9);
   EXPECT_EQ(prefs->readSp(Package("zzz", 3)).update_package_name, "");
 
   EXPECT_TRUE(prefs->updateRepairStatus(Package("a", 3), true));
   EXPECT_TRUE(prefs->readSp(Package("a", 3)).is_repair_success);
-  EXPECT_NE(Read(kSp), before);
+  EXPECT_NE(ReadFileOrEmpty(kSp), before);
 }
 
 TEST_F(StateStoreTest, LaterLineOfTheSameNameWinsAndOneLineIsWritten) {
-  Write(kSp,
+  WriteWholeFile(kSp,
         "{\"update_package_name\":\"a\",\"update_version_code\":1}\n"
         "{\"update_package_name\":\"a\",\"update_version_code\":2,\"reboot_type\":7}\n");
   prefs->syncSpList();
   ASSERT_EQ(prefs->getSpList().size(), 1u);
   EXPECT_TRUE(prefs->updateCanDelete(Package("a", 2), true));
-  EXPECT_EQ(Read(kSp),
+  EXPECT_EQ(ReadFileOrEmpty(kSp),
             "{\"boot_failed_count\":0,\"cancel_task_id\":0,\"first_report\":false,\"image_path\":\"\","
             "\"is_async_repair\":false,\"is_boot_success\":false,\"is_repair_success\":false,"
             "\"need_cancel\":false,\"need_delete\":true,\"reboot_type\":7,\"task_id\":0,"
@@ -87,14 +80,14 @@ TEST_F(StateStoreTest, MissingOrEmptyFileIsNeverCreatedOrTruncated) {
   prefs->saveSpFile();
   EXPECT_FALSE(std::filesystem::exists(kSp));
 
-  Write(kSp, "");
+  WriteWholeFile(kSp, "");
   prefs->syncSpList();
   EXPECT_TRUE(prefs->getSpList().empty());
   EXPECT_FALSE(prefs->updateBootFailedCount(Package("a", 1)));
 }
 
 TEST_F(StateStoreTest, RefreshAllBootStatusTouchesOnlyRepairedRecords) {
-  Write(kSp,
+  WriteWholeFile(kSp,
         "{\"update_package_name\":\"ok\",\"is_repair_success\":true,\"is_boot_success\":true,"
         "\"boot_failed_count\":2}\n"
         "{\"update_package_name\":\"bad\",\"is_repair_success\":false,\"boot_failed_count\":5,"
@@ -115,7 +108,7 @@ TEST_F(StateStoreTest, RefreshAllBootStatusTouchesOnlyRepairedRecords) {
 }
 
 TEST_F(StateStoreTest, UnconfirmedBootsAreCountedConfirmedOnesAreNot) {
-  Write(kSp,
+  WriteWholeFile(kSp,
         "{\"update_package_name\":\"a\",\"update_version_code\":1,\"boot_failed_count\":2}\n"
         "{\"update_package_name\":\"b\",\"update_version_code\":1,\"boot_failed_count\":2,"
         "\"is_boot_success\":true}\n");
@@ -129,7 +122,7 @@ TEST_F(StateStoreTest, UnconfirmedBootsAreCountedConfirmedOnesAreNot) {
 TEST_F(StateStoreTest, NativeMessagesAreWrittenInNameOrder) {
   EXPECT_TRUE(messages->writeMessage(Package("b", 2, 7), false, 256, "{\"status\":-2}"));
   EXPECT_TRUE(messages->writeMessage(Package("a", 1, 6), false, 256, "{\"status\":1}"));
-  EXPECT_EQ(Read(kNative),
+  EXPECT_EQ(ReadFileOrEmpty(kNative),
             "{\"image_path\":\"/data/rvx/imgs/a.zip\",\"msg_source\":\"mend\",\"msg_type\":256,"
             "\"need_response\":false,\"response_content\":\"{\\\"status\\\":1}\",\"task_id\":6,"
             "\"update_package_name\":\"a\",\"update_version_code\":1}\n"
@@ -143,7 +136,7 @@ TEST_F(StateStoreTest, ResponseNeedsAnAppMessageAndChangesOnlyItsContent) {
   EXPECT_FALSE(messages->writeMsgResponse(Package("a", 1), "{\"status\":1}"));
   EXPECT_FALSE(std::filesystem::exists(kApp));
 
-  Write(kApp,
+  WriteWholeFile(kApp,
         "{\"update_package_name\":\"a\",\"update_version_code\":1,\"msg_source\":\"whoever\","
         "\"need_response\":true,\"msg_type\":3,\"task_id\":4,\"image_path\":\"/x\"}\n"
         "junk\n");
@@ -151,7 +144,7 @@ TEST_F(StateStoreTest, ResponseNeedsAnAppMessageAndChangesOnlyItsContent) {
   EXPECT_FALSE(messages->writeMsgResponse(Package("b", 1), "{\"status\":1}"));
   // The version is not compared: the app's message for the name is answered.
   EXPECT_TRUE(messages->writeMsgResponse(Package("a", 9), "{\"status\":1}"));
-  EXPECT_EQ(Read(kApp),
+  EXPECT_EQ(ReadFileOrEmpty(kApp),
             "{\"image_path\":\"\",\"msg_source\":\"\",\"msg_type\":0,\"need_response\":false,"
             "\"response_content\":\"\",\"task_id\":0,\"update_package_name\":\"\","
             "\"update_version_code\":0}\n"

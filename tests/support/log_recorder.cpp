@@ -11,17 +11,17 @@ std::vector<LogRecorder::Record> log_records;
 
 }  // namespace
 
-LogRecorder::LogRecorder() {
+LogRecorder::LogRecorder(bool echo) {
   Clear();
   android::base::SetMinimumLogSeverity(android::base::VERBOSE);
-  android::base::SetLogger([](android::base::LogId id, android::base::LogSeverity severity,
-                              const char* tag, const char* file, unsigned int line,
-                              const char* message) {
+  android::base::SetLogger([echo](android::base::LogId id, android::base::LogSeverity severity,
+                                  const char* tag, const char* file, unsigned int line,
+                                  const char* message) {
     {
       std::lock_guard<std::mutex> lock(log_mutex);
       log_records.push_back({severity, file ? file : "", message});
     }
-    android::base::StderrLogger(id, severity, tag, file, line, message);
+    if (echo) android::base::StderrLogger(id, severity, tag, file, line, message);
   });
 }
 
@@ -33,6 +33,14 @@ LogRecorder::~LogRecorder() {
 std::vector<LogRecorder::Record> LogRecorder::Records() const {
   std::lock_guard<std::mutex> lock(log_mutex);
   return log_records;
+}
+
+std::vector<std::string> LogRecorder::Lines() const {
+  std::vector<std::string> lines;
+  for (const Record& record : Records()) {
+    lines.push_back(std::string(1, "VDIWEFF"[record.severity]) + " " + record.message);
+  }
+  return lines;
 }
 
 std::vector<std::string> LogRecorder::Messages(android::base::LogSeverity severity) const {

@@ -8,8 +8,8 @@
 namespace mend_test {
 
 // Collects the records that LOG() produces while it lives (VERBOSE and up),
-// with severity and source file, from any thread, and still prints them so a
-// failing test shows its log. (LogCapture keeps only "W message" lines.)
+// with severity and source file, from any thread. With `echo`, it still
+// prints them, so that a failing test shows its log.
 class LogRecorder {
  public:
   struct Record {
@@ -18,12 +18,15 @@ class LogRecorder {
     std::string message;
   };
 
-  LogRecorder();
+  explicit LogRecorder(bool echo = true);
   ~LogRecorder();
   LogRecorder(const LogRecorder&) = delete;
   LogRecorder& operator=(const LogRecorder&) = delete;
 
   std::vector<Record> Records() const;
+  // Every record as its severity's letter, a blank and the message
+  // ("E Kelb failed to open rpk_public_key").
+  std::vector<std::string> Lines() const;
   // Messages at `severity`, in order.
   std::vector<std::string> Messages(android::base::LogSeverity severity) const;
   // How many records at `severity` read exactly `message`.

@@ -1,15 +1,12 @@
 #include "sandbox_root.h"
 
-#include <fcntl.h>
 #include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
-#include <thread>
 
-#include "zip_builder.h"
+#include "run_program.h"
+#include "test_files.h"
 
 namespace fs = std::filesystem;
 
@@ -68,45 +65,22 @@ void SandboxRoot::SetProperty(const std::string& name, const std::string& value)
 
 SandboxRun SandboxRoot::Run(const std::vector<std::string>& argv,
                             std::chrono::seconds timeout) const {
-  const std::string log_path = fs::path(root_).parent_path().string() + "/output.log";
   fs::remove(HostPath(kExitStatusFile));
-
   // The shell inside records how the command ended.
-  std::vector<std::string> args = {MEND_SOURCE_DIR "/scripts/sandbox"};
-  args.insert(args.end(), sandbox_options_.begin(), sandbox_options_.end());
-  args.insert(args.end(), {root_, "/bin/sh", "-c",
-                           std::string("\"$@\"; echo $? > ") + kExitStatusFile, "sh"});
+  std::vector<std::string> args = {MEND_SOURCE_DIR "/scripts/sandbox", root_, "/bin/sh", "-c",
+                                   std::string("\"$@\"; echo $? > ") + kExitStatusFile, "sh"};
   args.insert(args.end(), argv.begin(), argv.end());
-
-  pid_t pid = fork();
-  if (pid == 0) {
-    int log = open(log_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    dup2(log, STDOUT_FILENO);
-    dup2(log, STDERR_FILENO);
-    std::vector<char*> cargs;
-    for (auto& arg : args) cargs.push_back(arg.data());
-    cargs.push_back(nullptr);
-    execv(cargs[0], cargs.data());
-    _exit(127);
-  }
+  RunOptions options;
+  options.timeout = timeout;
+  const ProgramRun program = RunProgram(args, options);
 
   SandboxRun run;
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  int status = 0;
-  while (waitpid(pid, &status, WNOHANG) == 0) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      kill(pid, SIGKILL);
-      waitpid(pid, &status, 0);
-      run.timed_out = true;
-      break;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  run.output = ReadWholeFile(log_path);
+  run.output = program.out;
+  run.timed_out = program.timed_out;
   // A reboot request kills the sandbox's init with SIGHUP, which bwrap passes
   // on as status 129. The caller itself just exits, so the shell may still
   // have recorded a status: the sandbox's own status decides.
-  run.rebooted = !run.timed_out && WIFEXITED(status) && WEXITSTATUS(status) == 128 + SIGHUP;
+  run.rebooted = program.exit_code == 128 + SIGHUP;
   if (!run.rebooted && !run.timed_out && Exists(kExitStatusFile)) {
     run.finished = true;
     run.exit_code = std::atoi(ReadFile(kExitStatusFile).c_str());

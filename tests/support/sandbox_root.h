@@ -39,15 +39,11 @@ class SandboxRoot {
   // Sets a system property in the file store the daemon reads.
   void SetProperty(const std::string& name, const std::string& value) const;
 
-  // Passes `option` (e.g. "--rw-sys") to scripts/sandbox on every Run().
-  void AddSandboxOption(const std::string& option) { sandbox_options_.push_back(option); }
-
   SandboxRun Run(const std::vector<std::string>& argv,
                  std::chrono::seconds timeout = std::chrono::seconds(120)) const;
 
  private:
   std::string root_;
-  std::vector<std::string> sandbox_options_;
 };
 
 }  // namespace mend_test

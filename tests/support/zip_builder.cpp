@@ -5,8 +5,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 
 namespace mend_test {
 namespace {
@@ -50,20 +48,6 @@ std::string ReadZipMember(const std::string& path, const std::string& name) {
   }
   CloseArchive(handle);
   return data;
-}
-
-std::string ReadWholeFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) Fail("cannot read " + path);
-  std::ostringstream out;
-  out << in.rdbuf();
-  return out.str();
-}
-
-void WriteWholeFile(const std::string& path, const std::string& content) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  if (!out) Fail("cannot write " + path);
-  out << content;
 }
 
 }  // namespace mend_test

@@ -19,7 +19,4 @@ void WriteZip(const std::string& path, const std::vector<ZipMember>& members);
 // The bytes of member `name` of the zip at `path`; aborts when absent.
 std::string ReadZipMember(const std::string& path, const std::string& name);
 
-std::string ReadWholeFile(const std::string& path);
-void WriteWholeFile(const std::string& path, const std::string& content);
-
 }  // namespace mend_test

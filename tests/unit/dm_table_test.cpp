@@ -32,32 +32,18 @@ std::unique_ptr<DmTargetVerity> Verity(const std::string& salt = "5a17") {
                                           1024, "sha256", "8c07", salt);
 }
 
-TEST(DmTargetVerityTest, RendersTheKernelWordsInOrder) {
-  EXPECT_EQ(Verity()->GetParameterString(),
-            "1 /dev/loop3 7:3 4096 4096 1024 1024 sha256 8c07 5a17");
-  EXPECT_EQ(Verity()->name(), "verity");
-  // An empty salt would drop a word from the line; the kernel reads "-".
-  EXPECT_EQ(Verity("")->GetParameterString(),
-            "1 /dev/loop3 7:3 4096 4096 1024 1024 sha256 8c07 -");
-}
-
+// The usual line (mode after ignore_zero_blocks) is checked against the
+// reference packages' tables by the engine's table tests.
 TEST(DmTargetVerityTest, OptionalWordsFollowTheirCountInCallOrder) {
-  auto target = Verity();
+  // An empty salt would drop a word from the line; the kernel reads "-".
+  auto target = Verity("");
+  target->SetVerityMode("ignore_corruption");
   target->IgnoreZeroBlocks();
+  EXPECT_EQ(target->name(), "verity");
   EXPECT_EQ(target->GetParameterString(),
-            "1 /dev/loop3 7:3 4096 4096 1024 1024 sha256 8c07 5a17 1 ignore_zero_blocks");
-  target->SetVerityMode("restart_on_corruption");
-  EXPECT_EQ(target->GetParameterString(),
-            "1 /dev/loop3 7:3 4096 4096 1024 1024 sha256 8c07 5a17 2 ignore_zero_blocks "
-            "restart_on_corruption");
-
-  auto mode_first = Verity();
-  mode_first->SetVerityMode("ignore_corruption");
-  mode_first->IgnoreZeroBlocks();
-  EXPECT_EQ(mode_first->GetParameterString(),
-            "1 /dev/loop3 7:3 4096 4096 1024 1024 sha256 8c07 5a17 2 ignore_corruption "
+            "1 /dev/loop3 7:3 4096 4096 1024 1024 sha256 8c07 - 2 ignore_corruption "
             "ignore_zero_blocks");
-  EXPECT_TRUE(mode_first->Valid());
+  EXPECT_TRUE(target->Valid());
 }
 
 TEST(DmTargetVerityTest, UnknownModeMakesTheTargetUnusable) {
@@ -117,27 +103,10 @@ TEST(DmTableTest, SerializesEachTargetAsAlignedSpecAndParameters) {
   EXPECT_EQ(std::string(bytes.data() + 144, 8), std::string("x\0\0\0\0\0\0\0", 8));
 }
 
-TEST(DmTableTest, SerializesAVerityTarget) {
-  DmTable table;
-  auto target = Verity();
-  target->IgnoreZeroBlocks();
-  const std::string params = target->GetParameterString();
-  ASSERT_TRUE(table.AddTarget(std::move(target)));
-  table.set_readonly(true);
-  EXPECT_TRUE(table.readonly());
-
-  const std::string bytes = table.Serialize();
-  ASSERT_EQ(bytes.size() % 8, 0u);
-  ASSERT_GE(bytes.size(), 40 + params.size() + 1);
-  const dm_target_spec spec = SpecAt(bytes, 0);
-  EXPECT_EQ(spec.length, 8192u);
-  EXPECT_EQ(spec.next, bytes.size());
-  EXPECT_STREQ(spec.target_type, "verity");
-  EXPECT_STREQ(bytes.data() + 40, params.c_str());
-}
-
 TEST(DmTableTest, TablesTheKernelWouldRefuseSerializeToNothing) {
   DmTable empty;
+  EXPECT_FALSE(empty.AddTarget(nullptr));
+  EXPECT_EQ(empty.num_targets(), 0u);
   EXPECT_FALSE(empty.valid());
   EXPECT_FALSE(empty.readonly());
   EXPECT_EQ(empty.Serialize(), "");
@@ -156,12 +125,6 @@ TEST(DmTableTest, TablesTheKernelWouldRefuseSerializeToNothing) {
   DmTable empty_range;
   ASSERT_TRUE(empty_range.AddTarget(std::make_unique<WordsTarget>(0, 0, "zero", "")));
   EXPECT_FALSE(empty_range.valid());
-}
-
-TEST(DmTableTest, RejectsAMissingTarget) {
-  DmTable table;
-  EXPECT_FALSE(table.AddTarget(nullptr));
-  EXPECT_EQ(table.num_targets(), 0u);
 }
 
 }  // namespace

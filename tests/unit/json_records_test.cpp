@@ -25,21 +25,6 @@ TEST(MessageJsonTest, DefaultMessageRendersEveryMemberInKeyOrder) {
             "\"update_version_code\":0}");
 }
 
-TEST(MessageJsonTest, ResponseContentIsAnEscapedString) {
-  MendRepairMessage m;
-  m.update_package_name = "demo_fix1";
-  m.update_version_code = 3;
-  m.msg_source = "mend";
-  m.task_id = 3;
-  m.image_path = "/data/rvx/imgs/demo_fix1";
-  m.msg_type = 256;
-  m.response_content = "{\"status\":1}";
-  EXPECT_EQ(jsonObj2String(m),
-            "{\"image_path\":\"/data/rvx/imgs/demo_fix1\",\"msg_source\":\"mend\",\"msg_type\":256,"
-            "\"need_response\":false,\"response_content\":\"{\\\"status\\\":1}\",\"task_id\":3,"
-            "\"update_package_name\":\"demo_fix1\",\"update_version_code\":3}");
-}
-
 TEST(MessageJsonTest, ParseTakesMembersByNameWithDefaults) {
   MendRepairMessage m = ParseMessage("{\"msg_type\":5}");
   EXPECT_EQ(m.msg_type, 5);
@@ -73,22 +58,6 @@ TEST(MessageJsonTest, WrongTypesRaiseTheLibraryError) {
   EXPECT_THROW(ParseMessage("{\"need_response\":\"true\"}"), Json::LogicError);
   EXPECT_THROW(ParseMessage("{\"update_version_code\":4294967296}"), Json::LogicError);
   EXPECT_THROW(ParseMessage("[1,2]"), Json::LogicError);
-}
-
-TEST(SharedPrefsJsonTest, MembersComeInFixedKeyOrder) {
-  MendRepairSp sp;
-  sp.update_package_name = "demo_fix1";
-  sp.update_version_code = 3;
-  sp.image_path = "/data/rvx/imgs/demo_fix1";
-  sp.is_repair_success = true;
-  sp.is_boot_success = true;
-  sp.task_id = 3;
-  EXPECT_EQ(toCompactJson(spToJson(sp)),
-            "{\"boot_failed_count\":0,\"cancel_task_id\":0,\"first_report\":false,"
-            "\"image_path\":\"/data/rvx/imgs/demo_fix1\",\"is_async_repair\":false,"
-            "\"is_boot_success\":true,\"is_repair_success\":true,\"need_cancel\":false,"
-            "\"need_delete\":false,\"reboot_type\":0,\"task_id\":3,"
-            "\"update_package_name\":\"demo_fix1\",\"update_version_code\":3}");
 }
 
 TEST(SharedPrefsJsonTest, SavedRecordReloadsEqual) {

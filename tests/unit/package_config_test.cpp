@@ -22,12 +22,6 @@ TEST(SplitTest, AlwaysCutsAtSemicolon) {
   EXPECT_EQ(MendRepairUtil::split("a;b", ','), (Fields{"a", "b"}));
 }
 
-TEST(StatusJsonTest, CompactSingleMember) {
-  EXPECT_EQ(MendRepairUtil::repairStatus2JsonString(REPAIR_START_SUCCESS), "{\"status\":1}");
-  EXPECT_EQ(MendRepairUtil::repairStatus2JsonString(REPAIR_BUILD_LIST_EMPTY), "{\"status\":-9}");
-  EXPECT_EQ(MendRepairUtil::repairStatus2JsonString(REPAIR_OVERLAY_FAILED), "{\"status\":-8}");
-}
-
 TEST(CompareModByTaskIdTest, StableSortKeepsArrivalOrderOfEqualIds) {
   auto module = [](const std::string& name, int64_t task) {
     MendRepairModule m;

@@ -3,18 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <errno.h>
-#include <stdlib.h>
-#include <unistd.h>
-
-#include <android-base/strings.h>
 
 #include <cstring>
-#include <filesystem>
 
 #include "avb_fixtures.h"
 #include "mend_mount.h"
+#include "test_files.h"
 #include "verity_fixtures.h"
-#include "zip_builder.h"
 
 namespace {
 
@@ -32,64 +27,32 @@ std::string TableLine(const android::dm::DmTable& table) {
          target->name() + " " + target->GetParameterString();
 }
 
-std::vector<std::string> Words(const std::string& line) {
-  return android::base::Split(line, " ");
-}
-
-TEST(CreateVerityTableTest, OneMiBImageOnOneDevice) {
-  const auto data = MakeVerityData(1048576, 1048576, 4096, 4096, "sha256", "aa", "bb");
-  auto table = CreateVerityTable(data, "/dev/block/loop7", "/dev/block/loop7", false);
-  ASSERT_TRUE(table->valid());
-  EXPECT_TRUE(table->readonly());
-  EXPECT_EQ(table->num_sectors(), 2048u);
-  EXPECT_EQ(TableLine(*table),
-            "0 2048 verity 1 /dev/block/loop7 /dev/block/loop7 4096 4096 256 256 sha256 aa bb "
-            "1 ignore_zero_blocks");
-}
-
-TEST(CreateVerityTableTest, TreeOnAnotherDeviceStartsAtBlockZero) {
-  const auto data = MakeVerityData(1048576, 1048576, 4096, 4096);
-  auto table = CreateVerityTable(data, "/dev/block/loop7", "/dev/block/loop8", false);
-  const auto words = Words(TableLine(*table));
-  ASSERT_GE(words.size(), 10u);
-  EXPECT_EQ(words[4], "/dev/block/loop7");
-  EXPECT_EQ(words[5], "/dev/block/loop8");
-  EXPECT_EQ(words[9], "0");  // hash start block
-
-  // Equal devices are decided on the exact text, not on what it names.
-  auto spelled_apart = CreateVerityTable(data, "/dev/loop7", "/dev/block/loop7", false);
-  EXPECT_EQ(Words(TableLine(*spelled_apart))[9], "0");
-}
-
-TEST(CreateVerityTableTest, BlockSizesDriveCountsAndHashStart) {
-  // 8 MiB of 1 KiB data blocks, tree after the data, 512-byte hash blocks.
-  const auto data = MakeVerityData(8388608, 8388608, 1024, 512);
-  const auto words = Words(TableLine(*CreateVerityTable(data, "d", "d", false)));
-  ASSERT_GE(words.size(), 10u);
-  EXPECT_EQ(words[1], "16384");  // sectors
-  EXPECT_EQ(words[6], "1024");
-  EXPECT_EQ(words[7], "512");
-  EXPECT_EQ(words[8], "8192");   // data blocks
-  EXPECT_EQ(words[9], "16384");  // tree offset / hash block size
-}
-
-TEST(CreateVerityTableTest, RestartOnCorruptionOnlyWhenAsked) {
-  const auto data = MakeVerityData(1048576, 1048576, 4096, 4096);
-  const std::string trial = TableLine(*CreateVerityTable(data, "d", "d", false));
-  const std::string real = TableLine(*CreateVerityTable(data, "d", "d", true));
-  EXPECT_TRUE(android::base::EndsWith(trial, " 1 ignore_zero_blocks")) << trial;
-  EXPECT_TRUE(android::base::EndsWith(real, " 2 ignore_zero_blocks restart_on_corruption"))
-      << real;
-  EXPECT_EQ(trial.substr(0, trial.size() - 20), real.substr(0, real.size() - 42));
-}
-
-TEST(CreateVerityTableTest, ZeroBlockSizesDoNotCrash) {
-  // No valid descriptor has them; the kernel refuses the table later.
-  const auto data = MakeVerityData(1048576, 1048576, 0, 0);
-  const auto words = Words(TableLine(*CreateVerityTable(data, "d", "d", false)));
-  ASSERT_GE(words.size(), 10u);
-  EXPECT_EQ(words[8], "0");
-  EXPECT_EQ(words[9], "0");
+TEST(CreateVerityTableTest, DevicesAndBlockSizesDriveTheLine) {
+  struct Case {
+    const char* what;
+    android::rpk::RpkVerityData data;
+    const char* data_device;
+    const char* hash_device;
+    const char* line;
+  } cases[] = {
+      // Equal devices are decided on the exact text, not on what it names:
+      // the tree then starts at block 0 of the other device.
+      {"tree on another device", MakeVerityData(1048576, 1048576, 4096, 4096), "/dev/loop7",
+       "/dev/block/loop7",
+       "0 2048 verity 1 /dev/loop7 /dev/block/loop7 4096 4096 256 0 sha256 00 11 "
+       "1 ignore_zero_blocks"},
+      // 8 MiB of 1 KiB data blocks, tree after the data, 512-byte hash blocks.
+      {"block sizes", MakeVerityData(8388608, 8388608, 1024, 512), "d", "d",
+       "0 16384 verity 1 d d 1024 512 8192 16384 sha256 00 11 1 ignore_zero_blocks"},
+      // No valid descriptor has them; the kernel refuses the table later.
+      {"zero block sizes", MakeVerityData(1048576, 1048576, 0, 0), "d", "d",
+       "0 2048 verity 1 d d 0 0 0 0 sha256 00 11 1 ignore_zero_blocks"},
+  };
+  for (const Case& c : cases) {
+    auto table = CreateVerityTable(c.data, c.data_device, c.hash_device, false);
+    EXPECT_TRUE(table->readonly()) << c.what;
+    EXPECT_EQ(TableLine(*table), c.line) << c.what;
+  }
 }
 
 // The reference packages' manifest records the table line of each package
@@ -108,56 +71,42 @@ TEST(CreateVerityTableTest, MatchesTheReferencePackagesTables) {
   }
 }
 
-class ReadVerityDeviceTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    const char* tmp = getenv("TMPDIR");
-    std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/mend-read-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    dir_ = pattern;
+TEST(ReadVerityDeviceTest, ReadsTheImagePartOrSaysWhyNot) {
+  mend_test::TempDir dir;
+  const std::string image = dir / "image";
+  const std::string empty = dir / "empty";
+  const std::string short_device = dir / "short";
+  const std::string missing = dir / "missing";
+  mend_test::WriteWholeFile(image, std::string(9 * 1024 * 1024 + 4096, 'x'));
+  mend_test::WriteWholeFile(empty, "");
+  mend_test::WriteWholeFile(short_device, std::string(4 * 1024 * 1024 + 512, 'x'));
+  struct Case {
+    std::string path;
+    uint64_t size;
+    int error;  // 0: the read succeeds
+    std::string message;
+  } cases[] = {
+      // Two full 4 MiB chunks and a short one; less than the whole device is
+      // fine, as only the image part is proven.
+      {image, 9 * 1024 * 1024 + 4096, 0, ""},
+      {image, 4096, 0, ""},
+      // Size zero reads nothing but needs the device.
+      {empty, 0, 0, ""},
+      {missing, 0, ENOENT, "Can't open " + missing + ": "},
+      {short_device, 8 * 1024 * 1024, EIO, "Can't verify " + short_device + "corrupted: "},
+      // A directory opens read-only but every read fails.
+      {dir.path(), 4096, EISDIR, "Can't verify " + dir.path() + "corrupted: "},
+  };
+  for (const Case& c : cases) {
+    auto result = ReadVerityDevice(c.path, c.size);
+    if (c.error == 0) {
+      EXPECT_TRUE(result.ok()) << c.path << ": " << result.error();
+      continue;
+    }
+    ASSERT_FALSE(result.ok()) << c.path;
+    EXPECT_EQ(result.error().message(), c.message + strerror(c.error));
+    EXPECT_EQ(result.error().code(), c.error) << c.path;
   }
-  void TearDown() override { std::filesystem::remove_all(dir_); }
-
-  std::string MakeFile(const std::string& name, size_t size) {
-    const std::string path = dir_ + "/" + name;
-    mend_test::WriteWholeFile(path, std::string(size, 'x'));
-    return path;
-  }
-
-  std::string dir_;
-};
-
-TEST_F(ReadVerityDeviceTest, ReadsWholeAndPartialChunks) {
-  // Two full 4 MiB chunks and a short one.
-  const std::string path = MakeFile("image", 9 * 1024 * 1024 + 4096);
-  EXPECT_TRUE(ReadVerityDevice(path, 9 * 1024 * 1024 + 4096).ok());
-  // Less than the whole device is fine: only the image part is proven.
-  EXPECT_TRUE(ReadVerityDevice(path, 4096).ok());
-}
-
-TEST_F(ReadVerityDeviceTest, SizeZeroReadsNothingButNeedsTheDevice) {
-  EXPECT_TRUE(ReadVerityDevice(MakeFile("empty", 0), 0).ok());
-
-  const std::string missing = dir_ + "/missing";
-  auto result = ReadVerityDevice(missing, 0);
-  ASSERT_FALSE(result.ok());
-  EXPECT_EQ(result.error().message(), "Can't open " + missing + ": " + strerror(ENOENT));
-  EXPECT_EQ(result.error().code(), ENOENT);
-}
-
-TEST_F(ReadVerityDeviceTest, DeviceShorterThanTheImageFailsAsCorrupted) {
-  const std::string path = MakeFile("short", 4 * 1024 * 1024 + 512);
-  auto result = ReadVerityDevice(path, 8 * 1024 * 1024);
-  ASSERT_FALSE(result.ok());
-  EXPECT_EQ(result.error().message(), "Can't verify " + path + "corrupted: " + strerror(EIO));
-  EXPECT_EQ(result.error().code(), EIO);
-}
-
-TEST_F(ReadVerityDeviceTest, UnreadableDeviceFailsAsCorrupted) {
-  // A directory opens read-only but every read fails with EISDIR.
-  auto result = ReadVerityDevice(dir_, 4096);
-  ASSERT_FALSE(result.ok());
-  EXPECT_EQ(result.error().message(), "Can't verify " + dir_ + "corrupted: " + strerror(EISDIR));
 }
 
 }  // namespace

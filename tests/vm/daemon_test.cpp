@@ -5,6 +5,7 @@
 
 #include "avb_fixtures.h"
 #include "daemon_records.h"
+#include "test_files.h"
 #include "virtual_device.h"
 #include "zip_builder.h"
 
@@ -28,10 +29,6 @@ std::string Section(const std::string& output, const std::string& name) {
   if (a == std::string::npos) return "";
   a += start.size();
   return output.substr(a, output.find("== ", a) - a);
-}
-
-bool Contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
 }
 
 std::string Expected(const std::string& package, const char* member) {

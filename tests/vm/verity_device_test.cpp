@@ -14,17 +14,18 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <set>
 
 #include "avb_fixtures.h"
-#include "image_loop.h"
-#include "log_capture.h"
+#include "log_recorder.h"
+#include "mend_loop.h"
 #include "mend_mount.h"
 #include "verity_fixtures.h"
 
 namespace {
 
+using android::base::ERROR;
 using android::base::unique_fd;
+using android::base::WARNING;
 using android::dm::DeviceMapper;
 using android::dm::DmDeviceState;
 using android::dm::DmTable;
@@ -35,8 +36,9 @@ using android::rpk::DeleteVerityDevice;
 using android::rpk::DmVerityDevice;
 using android::rpk::ReadVerityDevice;
 using android::rpk::RpkVerityData;
-using mend_test::ImageLoop;
-using mend_test::LogCapture;
+using android::rpk::loop::CreateLoopDevice;
+using android::rpk::loop::LoopbackRepairDeviceUniqueFd;
+using mend_test::LogRecorder;
 
 class VerityDeviceTest : public ::testing::Test {
  protected:
@@ -47,19 +49,24 @@ class VerityDeviceTest : public ::testing::Test {
     }
   }
 
-  // Attaches the image of reference package `package` and takes its verity
+  // Attaches the image of reference package `package` with the daemon's loop
+  // code (the packages lie on the guest's ext4 /data) and takes its verity
   // parameters from the manifest.
   void Attach(const std::string& package) {
     package_ = package;
     data_ = mend_test::ManifestVerityData(package);
-    loop_ = ImageLoop::Attach(mend_test::AvbFixture("pkgs/" + package + ".zip"),
-                              mend_test::ManifestImageOffset(package),
-                              mend_test::ManifestImageSize(package));
-    ASSERT_NE(loop_, nullptr);
+    auto loop = CreateLoopDevice("/data/pkgs/" + package + ".zip",
+                                 mend_test::ManifestImageOffset(package),
+                                 mend_test::ManifestImageSize(package));
+    ASSERT_TRUE(loop.ok()) << loop.error();
+    loop_ = std::move(*loop);
+    struct stat st;
+    ASSERT_EQ(stat(loop_.name.c_str(), &st), 0);
+    loop_number_ = std::to_string(major(st.st_rdev)) + ":" + std::to_string(minor(st.st_rdev));
   }
 
   std::unique_ptr<DmTable> Table(bool restart_on_corruption) const {
-    return CreateVerityTable(data_, loop_->path(), loop_->path(), restart_on_corruption);
+    return CreateVerityTable(data_, loop_.name, loop_.name, restart_on_corruption);
   }
 
   // A device name for this test, removed at the end whatever happens.
@@ -87,7 +94,7 @@ class VerityDeviceTest : public ::testing::Test {
   std::string ExpectedParams(bool restart_on_corruption) const {
     std::string line = mend_test::ManifestPackage(package_)["hashtree"]["dm_table"].asString();
     line = line.substr(line.find(" verity ") + 8);
-    line = android::base::StringReplace(line, "DEV", loop_->DeviceNumber(), true);
+    line = android::base::StringReplace(line, "DEV", loop_number_, true);
     if (restart_on_corruption) {
       // The kernel prints the mode before ignore_zero_blocks, whatever the
       // order of the loaded line.
@@ -100,19 +107,14 @@ class VerityDeviceTest : public ::testing::Test {
   DeviceMapper& dm_ = DeviceMapper::Instance();
   std::string package_;
   RpkVerityData data_;
-  std::unique_ptr<ImageLoop> loop_;
+  LoopbackRepairDeviceUniqueFd loop_;
+  std::string loop_number_;  // major:minor, as the kernel prints devices in tables
   std::vector<std::string> names_;
 };
 
 bool NodeExists(const std::string& path) {
   struct stat st;
   return stat(path.c_str(), &st) == 0;
-}
-
-size_t WarningCount(const LogCapture& log) {
-  size_t count = 0;
-  for (const auto& line : log.Lines()) count += line.rfind("W ", 0) == 0;
-  return count;
 }
 
 class SignedImageTest : public VerityDeviceTest,
@@ -179,135 +181,128 @@ TEST_F(VerityDeviceTest, ActiveDeviceOfTheSameNameIsReplaced) {
   ASSERT_TRUE(leftover.ok()) << leftover.error();
   leftover->Release();
 
-  LogCapture log;
+  LogRecorder log;
   auto device = CreateVerityDevice(name, *Table(true), false);
   ASSERT_TRUE(device.ok()) << device.error();
-  EXPECT_EQ(log.Count("W Deleting existing active dm device " + name), 1u);
-  EXPECT_EQ(WarningCount(log), 1u);
+  EXPECT_EQ(log.Messages(WARNING),
+            std::vector<std::string>{"Deleting existing active dm device " + name});
   EXPECT_EQ(Reported(name, true).data, ExpectedParams(true));
   EXPECT_TRUE(ReadVerityDevice(device->GetDevPath(), data_.desc->image_size).ok());
 }
 
-TEST_F(VerityDeviceTest, ActiveDeviceThatCannotBeRemovedIsKept) {
+// An open device cannot be removed: neither to make room for a new device of
+// its name nor by its dropped holder, which logs the failure.
+TEST_F(VerityDeviceTest, OpenDeviceIsKept) {
   ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
   const std::string name = Name();
-  auto leftover = CreateVerityDevice(name, *Table(false), false);
-  ASSERT_TRUE(leftover.ok()) << leftover.error();
-  leftover->Release();
-  // An open device cannot be removed.
-  unique_fd busy(open(leftover->GetDevPath().c_str(), O_RDONLY | O_CLOEXEC));
-  ASSERT_GE(busy.get(), 0);
+  unique_fd busy;
+  LogRecorder log;
+  {
+    auto leftover = CreateVerityDevice(name, *Table(false), false);
+    ASSERT_TRUE(leftover.ok()) << leftover.error();
+    busy.reset(open(leftover->GetDevPath().c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_GE(busy.get(), 0);
 
-  auto device = CreateVerityDevice(name, *Table(true), false);
-  ASSERT_FALSE(device.ok());
-  EXPECT_EQ(device.error().message(), "Failed to delete dm-device " + name);
-  EXPECT_EQ(device.error().code(), 0);
+    auto device = CreateVerityDevice(name, *Table(true), false);
+    ASSERT_FALSE(device.ok());
+    EXPECT_EQ(device.error().message(), "Failed to delete dm-device " + name);
+    EXPECT_EQ(device.error().code(), 0);
+    EXPECT_EQ(Reported(name, true).data, ExpectedParams(false));
+    EXPECT_EQ(log.Count(ERROR, "Failed to delete dm-device " + name), 0u);
+  }
+  EXPECT_EQ(log.Count(ERROR, "Failed to delete dm-device " + name), 1u);
   EXPECT_EQ(State(name), DmDeviceState::ACTIVE);
-  EXPECT_EQ(Reported(name, true).data, ExpectedParams(false));
 }
 
-TEST_F(VerityDeviceTest, DeviceWithoutTableIsReused) {
+// A device without a live table (never given one, or suspended) is reused as
+// it is: same node, the new table, no warning.
+TEST_F(VerityDeviceTest, DeviceWithoutALiveTableIsReused) {
   ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
-  const std::string name = Name();
-  ASSERT_TRUE(dm_.CreateEmptyDevice(name));
-  ASSERT_EQ(State(name), DmDeviceState::SUSPENDED);
-  dev_t before;
-  ASSERT_TRUE(dm_.GetDeviceNumber(name, &before));
+  for (bool suspended : {false, true}) {
+    const std::string name = Name(suspended ? "_suspended" : "_empty");
+    SCOPED_TRACE(name);
+    if (suspended) {
+      auto first = CreateVerityDevice(name, *Table(false), false);
+      ASSERT_TRUE(first.ok()) << first.error();
+      first->Release();
+      ASSERT_TRUE(dm_.ChangeState(name, DmDeviceState::SUSPENDED));
+    } else {
+      ASSERT_TRUE(dm_.CreateEmptyDevice(name));
+    }
+    ASSERT_EQ(State(name), DmDeviceState::SUSPENDED);
+    dev_t before;
+    ASSERT_TRUE(dm_.GetDeviceNumber(name, &before));
 
-  LogCapture log;
-  auto device = CreateVerityDevice(name, *Table(false), false);
-  ASSERT_TRUE(device.ok()) << device.error();
-  EXPECT_EQ(WarningCount(log), 0u);
-  dev_t after;
-  ASSERT_TRUE(dm_.GetDeviceNumber(name, &after));
-  EXPECT_EQ(after, before);
-  EXPECT_EQ(State(name), DmDeviceState::ACTIVE);
-  EXPECT_TRUE(ReadVerityDevice(device->GetDevPath(), data_.desc->image_size).ok());
-}
-
-TEST_F(VerityDeviceTest, SuspendedDeviceGetsTheNewTable) {
-  ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
-  const std::string name = Name();
-  auto first = CreateVerityDevice(name, *Table(false), false);
-  ASSERT_TRUE(first.ok()) << first.error();
-  first->Release();
-  ASSERT_TRUE(dm_.ChangeState(name, DmDeviceState::SUSPENDED));
-  ASSERT_EQ(State(name), DmDeviceState::SUSPENDED);
-
-  auto device = CreateVerityDevice(name, *Table(true), false);
-  ASSERT_TRUE(device.ok()) << device.error();
-  EXPECT_EQ(device->GetDevPath(), first->GetDevPath());
-  EXPECT_EQ(State(name), DmDeviceState::ACTIVE);
-  EXPECT_EQ(Reported(name, true).data, ExpectedParams(true));
-}
-
-TEST_F(VerityDeviceTest, SuspendedDeviceThatRefusesTheTableIsRemoved) {
-  ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
-  const std::string name = Name();
-  ASSERT_TRUE(dm_.CreateEmptyDevice(name));
-  auto table = CreateVerityTable(data_, "/dev/no-such-disk", "/dev/no-such-disk", false);
-
-  auto device = CreateVerityDevice(name, *table, false);
-  ASSERT_FALSE(device.ok());
-  EXPECT_EQ(device.error().message(), "Failed to activate dm device " + name);
-  EXPECT_EQ(device.error().code(), 0);
-  EXPECT_EQ(State(name), DmDeviceState::INVALID);
+    LogRecorder log;
+    auto device = CreateVerityDevice(name, *Table(true), false);
+    ASSERT_TRUE(device.ok()) << device.error();
+    EXPECT_TRUE(log.Messages(WARNING).empty());
+    dev_t after;
+    ASSERT_TRUE(dm_.GetDeviceNumber(name, &after));
+    EXPECT_EQ(after, before);
+    EXPECT_EQ(State(name), DmDeviceState::ACTIVE);
+    EXPECT_EQ(Reported(name, true).data, ExpectedParams(true));
+    EXPECT_TRUE(ReadVerityDevice(device->GetDevPath(), data_.desc->image_size).ok());
+  }
 }
 
 TEST_F(VerityDeviceTest, FailedCreationLeavesNoDevice) {
   ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
   const std::string name = Name();
-  // A verity device must be read-only, and its devices must exist.
-  std::vector<std::unique_ptr<DmTable>> tables;
-  tables.push_back(Table(false));
-  tables.back()->set_readonly(false);
-  tables.push_back(CreateVerityTable(data_, "/dev/no-such-disk", "/dev/no-such-disk", false));
-  for (const auto& table : tables) {
-    auto device = CreateVerityDevice(name, *table, false);
+  // A verity device must be read-only, and its devices must exist; a
+  // suspended device that refuses the table is removed too.
+  auto writable = Table(false);
+  writable->set_readonly(false);
+  auto no_disk = CreateVerityTable(data_, "/dev/no-such-disk", "/dev/no-such-disk", false);
+  struct Case {
+    const DmTable& table;
+    bool suspended_first;
+    std::string message;
+  } cases[] = {
+      {*writable, false, "Couldn't create verity device."},
+      {*no_disk, false, "Couldn't create verity device."},
+      {*no_disk, true, "Failed to activate dm device " + name},
+  };
+  for (const Case& c : cases) {
+    if (c.suspended_first) {
+      ASSERT_TRUE(dm_.CreateEmptyDevice(name));
+    }
+    auto device = CreateVerityDevice(name, c.table, false);
     ASSERT_FALSE(device.ok());
-    EXPECT_EQ(device.error().message(), "Couldn't create verity device.");
+    EXPECT_EQ(device.error().message(), c.message);
     EXPECT_EQ(device.error().code(), 0);
     EXPECT_EQ(State(name), DmDeviceState::INVALID);
   }
 }
 
-TEST_F(VerityDeviceTest, MovedFromHoldersDoNothing) {
+// Dropping a holder removes its device unless it was released; moving hands
+// the device on, and assigning over a holder orphans the device it held.
+TEST_F(VerityDeviceTest, HolderRemovesItsDeviceUnlessReleasedOrMovedFrom) {
   ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
-  const std::string name = Name();
+  const std::string moved = Name("_moved");
   {
     DmVerityDevice outer;
     {
-      auto made = CreateVerityDevice(name, *Table(false), false);
+      auto made = CreateVerityDevice(moved, *Table(false), false);
       ASSERT_TRUE(made.ok()) << made.error();
-      DmVerityDevice moved(std::move(*made));
-      outer = std::move(moved);
+      DmVerityDevice inner(std::move(*made));
+      outer = std::move(inner);
     }
-    // Neither the result nor the intermediate holder removed it.
-    EXPECT_EQ(State(name), DmDeviceState::ACTIVE);
-    EXPECT_EQ(outer.GetName(), name);
+    EXPECT_EQ(State(moved), DmDeviceState::ACTIVE) << "removed by a moved-from holder";
+    EXPECT_EQ(outer.GetName(), moved);
   }
-  EXPECT_EQ(State(name), DmDeviceState::INVALID);
+  EXPECT_EQ(State(moved), DmDeviceState::INVALID);
 
-  LogCapture log;
-  { DmVerityDevice empty; }
-  EXPECT_TRUE(log.Lines().empty());
-}
-
-TEST_F(VerityDeviceTest, ReleasedHolderKeepsTheDevice) {
-  ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
-  const std::string name = Name();
+  const std::string released = Name("_released");
   {
-    auto device = CreateVerityDevice(name, *Table(false), false);
+    auto device = CreateVerityDevice(released, *Table(false), false);
     ASSERT_TRUE(device.ok()) << device.error();
     device->Release();
   }
-  EXPECT_EQ(State(name), DmDeviceState::ACTIVE);
-  EXPECT_TRUE(DeleteVerityDevice(name, false).ok());
-  EXPECT_EQ(State(name), DmDeviceState::INVALID);
-}
+  EXPECT_EQ(State(released), DmDeviceState::ACTIVE);
+  EXPECT_TRUE(DeleteVerityDevice(released, false).ok());
+  EXPECT_EQ(State(released), DmDeviceState::INVALID);
 
-TEST_F(VerityDeviceTest, MoveAssignmentOrphansTheDeviceItReplaces) {
-  ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
   const std::string first = Name("_first");
   const std::string second = Name("_second");
   {
@@ -319,21 +314,10 @@ TEST_F(VerityDeviceTest, MoveAssignmentOrphansTheDeviceItReplaces) {
   }
   EXPECT_EQ(State(second), DmDeviceState::INVALID);
   EXPECT_EQ(State(first), DmDeviceState::ACTIVE);
-}
 
-TEST_F(VerityDeviceTest, HolderLogsARemovalThatFails) {
-  ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
-  const std::string name = Name();
-  unique_fd busy;
-  LogCapture log;
-  {
-    auto device = CreateVerityDevice(name, *Table(false), false);
-    ASSERT_TRUE(device.ok()) << device.error();
-    busy.reset(open(device->GetDevPath().c_str(), O_RDONLY | O_CLOEXEC));
-    ASSERT_GE(busy.get(), 0);
-  }
-  EXPECT_TRUE(log.Has("E Failed to delete dm-device " + name));
-  EXPECT_EQ(State(name), DmDeviceState::ACTIVE);
+  LogRecorder log;
+  { DmVerityDevice empty; }
+  EXPECT_TRUE(log.Records().empty());
 }
 
 TEST_F(VerityDeviceTest, DeletingAMissingDeviceFails) {
@@ -343,42 +327,8 @@ TEST_F(VerityDeviceTest, DeletingAMissingDeviceFails) {
   EXPECT_EQ(deleted.error().code(), 0);
 }
 
-TEST_F(VerityDeviceTest, ReadingPastTheDeviceFails) {
-  ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
-  auto device = CreateVerityDevice(Name(), *Table(false), false);
-  ASSERT_TRUE(device.ok()) << device.error();
-  EXPECT_TRUE(ReadVerityDevice(device->GetDevPath(), 0).ok());
-  auto read = ReadVerityDevice(device->GetDevPath(), data_.desc->image_size + 4096);
-  ASSERT_FALSE(read.ok());
-  EXPECT_TRUE(android::base::StartsWith(read.error().message(),
-                                        "Can't verify " + device->GetDevPath() + "corrupted: "));
-}
-
 // The device-mapper stand-in itself, where the daemon's code does not reach.
 class DeviceMapperTest : public VerityDeviceTest {};
-
-TEST_F(DeviceMapperTest, NodeIsReadyWhenCreateReturns) {
-  ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
-  const std::string name = Name();
-  std::string path;
-  ASSERT_TRUE(dm_.CreateDevice(name, *Table(false), &path, std::chrono::milliseconds(1000)));
-  dev_t dev;
-  ASSERT_TRUE(dm_.GetDeviceNumber(name, &dev));
-  struct stat st;
-  ASSERT_EQ(stat(path.c_str(), &st), 0) << path;
-  EXPECT_TRUE(S_ISBLK(st.st_mode));
-  EXPECT_EQ(st.st_rdev, dev);
-  EXPECT_EQ(path, "/dev/dm-" + std::to_string(minor(dev)));
-
-  std::string waited;
-  EXPECT_TRUE(dm_.WaitForDevice(name, std::chrono::milliseconds(0), &waited));
-  EXPECT_EQ(waited, path);
-
-  ASSERT_TRUE(dm_.DeleteDevice(name, std::chrono::milliseconds(750)));
-  EXPECT_FALSE(NodeExists(path));
-  EXPECT_FALSE(dm_.WaitForDevice(name, std::chrono::milliseconds(100), &waited));
-  EXPECT_FALSE(dm_.DeleteDevice(name));
-}
 
 TEST_F(DeviceMapperTest, NamesMustFitTheKernelField) {
   ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
@@ -396,29 +346,6 @@ TEST_F(DeviceMapperTest, NamesMustFitTheKernelField) {
   EXPECT_EQ(State(longest), DmDeviceState::ACTIVE);
 }
 
-TEST_F(DeviceMapperTest, EachDeviceGetsItsOwnUuid) {
-  const std::string first = Name("_a");
-  const std::string second = Name("_b");
-  ASSERT_TRUE(dm_.CreateEmptyDevice(first));
-  ASSERT_TRUE(dm_.CreateEmptyDevice(second));
-  // The kernel exposes the uuid once the device has a disk: give it one.
-  ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
-  std::set<std::string> uuids;
-  for (const auto& name : {first, second}) {
-    ASSERT_TRUE(dm_.LoadTableAndActivate(name, *Table(false)));
-    std::string path;
-    ASSERT_TRUE(dm_.GetDmDevicePathByName(name, &path));
-    std::string uuid;
-    ASSERT_TRUE(android::base::ReadFileToString(
-        "/sys/block/" + path.substr(5) + "/dm/uuid", &uuid));
-    uuid = android::base::Trim(uuid);
-    EXPECT_EQ(uuid.size(), 36u) << uuid;
-    EXPECT_EQ(uuid.find_first_not_of("0123456789abcdef-"), std::string::npos) << uuid;
-    uuids.insert(uuid);
-  }
-  EXPECT_EQ(uuids.size(), 2u);
-}
-
 TEST_F(DeviceMapperTest, ParentOfAVerityDeviceIsItsLoopDevice) {
   ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
   auto device = CreateVerityDevice(Name(), *Table(false), false);
@@ -426,32 +353,12 @@ TEST_F(DeviceMapperTest, ParentOfAVerityDeviceIsItsLoopDevice) {
   const std::string kernel_name = device->GetDevPath().substr(5);  // dm-N
 
   EXPECT_EQ(dm_.GetParentBlockDeviceByPath("/dev/block/" + kernel_name),
-            "/dev/block/" + loop_->path().substr(5));
+            "/dev/block/" + android::base::Basename(loop_.name));
   // The bottom of the stack, and paths outside /dev/block/, have none.
-  EXPECT_EQ(dm_.GetParentBlockDeviceByPath("/dev/block/" + loop_->path().substr(5)),
+  EXPECT_EQ(dm_.GetParentBlockDeviceByPath("/dev/block/" + android::base::Basename(loop_.name)),
             std::nullopt);
   EXPECT_EQ(dm_.GetParentBlockDeviceByPath(device->GetDevPath()), std::nullopt);
   EXPECT_EQ(dm_.GetParentBlockDeviceByPath("/dev/block/dm-999"), std::nullopt);
-}
-
-TEST_F(DeviceMapperTest, StatesFollowTheDeviceLifecycle) {
-  ASSERT_NO_FATAL_FAILURE(Attach("valid_2048"));
-  const std::string name = Name();
-  EXPECT_EQ(State(name), DmDeviceState::INVALID);
-  ASSERT_TRUE(dm_.CreateEmptyDevice(name));
-  EXPECT_EQ(State(name), DmDeviceState::SUSPENDED);
-  std::vector<TargetInfo> targets;
-  EXPECT_TRUE(dm_.GetTableInfo(name, &targets));
-  EXPECT_TRUE(targets.empty());
-  ASSERT_TRUE(dm_.LoadTableAndActivate(name, *Table(false)));
-  EXPECT_EQ(State(name), DmDeviceState::ACTIVE);
-  ASSERT_TRUE(dm_.ChangeState(name, DmDeviceState::SUSPENDED));
-  EXPECT_EQ(State(name), DmDeviceState::SUSPENDED);
-  ASSERT_TRUE(dm_.ChangeState(name, DmDeviceState::ACTIVE));
-  EXPECT_EQ(State(name), DmDeviceState::ACTIVE);
-  EXPECT_FALSE(dm_.ChangeState(name, DmDeviceState::INVALID));
-  ASSERT_TRUE(dm_.DeleteDevice(name));
-  EXPECT_EQ(State(name), DmDeviceState::INVALID);
 }
 
 }  // namespace

@@ -33,12 +33,6 @@ class VirtualDevice {
 
   // A program, copied to its own absolute path with its shared libraries.
   void AddBinary(const std::string& host_path);
-  // A host file or directory, copied to `guest_path` (default: the same
-  // path); guest paths under /data go to the data disk.
-  void AddFile(const std::string& host_path, const std::string& guest_path = "");
-  void SetEnv(const std::string& name, const std::string& value);
-  // Without the uevent listener: no /dev/block, only the kernel's nodes.
-  void UsePlainDev() { plain_dev_ = true; }
 
   // Boots the device and runs `argv` (by absolute path) as root.
   VmRun Run(const std::vector<std::string>& argv,
@@ -47,7 +41,6 @@ class VirtualDevice {
  private:
   SandboxRoot root_;
   std::vector<std::string> options_;
-  bool plain_dev_ = false;
 };
 
 }  // namespace mend_test

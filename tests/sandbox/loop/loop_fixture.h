@@ -5,7 +5,6 @@
 #include <string>
 
 #include "loop_test_env.h"
-#include "sandboxed_test.h"
 
 namespace mend_test {
 
@@ -17,13 +16,13 @@ class LoopTest : public ::testing::Test {
   static constexpr char kExt4Dir[] = "/tmp/ext4";
 
   void SetUp() override {
-    if (!InSandbox()) return;
+    ASSERT_TRUE(InSandbox()) << "run through tests/support/in_fresh_sandbox";
     token_ = UniqueToken();
-    ASSERT_TRUE(MountExt4(kExt4Dir, &ext4_image_));
+    ASSERT_TRUE(MountExt4(kExt4Dir));
   }
 
   void TearDown() override {
-    if (!InSandbox() || SysIsFake()) return;
+    if (token_.empty()) return;  // not set up: there is nothing of ours to look for
     const std::vector<std::string> left = LoopDevicesBackedBy(token_);
     EXPECT_EQ(left, std::vector<std::string>{})
         << "loop devices left bound to this test's backing files";
@@ -35,15 +34,11 @@ class LoopTest : public ::testing::Test {
   std::string BackingFile(const std::string& content, const std::string& dir = kExt4Dir,
                           const std::string& suffix = "img") {
     const std::string path = dir + "/" + token_ + suffix;
-    WriteFileOrDie(path, content);
+    WriteWholeFile(path, content);
     return path;
   }
 
-  // Warnings of the loop code, in order.
-  std::vector<std::string> Warnings() const { return logs_.Messages(android::base::WARNING); }
-
   std::string token_;
-  std::string ext4_image_;
   LogRecorder logs_;
 };
 

@@ -15,7 +15,6 @@
 #include <sys/statfs.h>
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -23,9 +22,10 @@
 #include <cstddef>
 #include <cstring>
 #include <filesystem>
-#include <map>
 #include <random>
 #include <thread>
+
+#include "run_program.h"
 
 namespace fs = std::filesystem;
 using ::testing::AssertionFailure;
@@ -36,9 +36,10 @@ namespace mend_test {
 namespace {
 
 AssertionResult RunOrFail(const std::vector<std::string>& argv) {
-  const int status = RunProgram(argv);
-  if (status == 0) return AssertionSuccess();
-  return AssertionFailure() << android::base::Join(argv, ' ') << " exited with " << status;
+  const ProgramRun run = RunProgram(argv);
+  if (run.exit_code == 0) return AssertionSuccess();
+  return AssertionFailure() << android::base::Join(argv, ' ') << " exited with " << run.exit_code
+                            << ":\n" << run.out;
 }
 
 std::string ScratchImage(const char* kind) {
@@ -59,26 +60,10 @@ AssertionResult MakeNode(const std::string& path, mode_t type, dev_t number) {
 
 }  // namespace
 
-int RunProgram(const std::vector<std::string>& argv) {
-  pid_t pid = fork();
-  if (pid == 0) {
-    dup2(STDERR_FILENO, STDOUT_FILENO);
-    std::vector<char*> args;
-    for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
-    args.push_back(nullptr);
-    execvp(args[0], args.data());
-    _exit(127);
-  }
-  int status = 0;
-  if (pid < 0 || waitpid(pid, &status, 0) != pid) return -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-AssertionResult MountExt4(const std::string& dir, std::string* image_path) {
+AssertionResult MountExt4(const std::string& dir) {
   const std::string image = ScratchImage("ext4");
-  if (image_path) *image_path = image;
   if (auto made = MakeDirs(dir); !made) return made;
-  WriteFileOrDie(image, "");  // mke2fs is quiet about an image that exists
+  WriteWholeFile(image, "");  // mke2fs is quiet about an image that exists
   if (auto made = RunOrFail({"mke2fs", "-q", "-F", "-t", "ext4", "-b", "4096", image, "16M"});
       !made) {
     return made;
@@ -97,13 +82,6 @@ AssertionResult MountSquashfs(const std::string& source_dir, const std::string& 
   return RunOrFail({"mount", "-t", "squashfs", "-o", "loop,ro", image, dir});
 }
 
-AssertionResult MountErofs(const std::string& source_dir, const std::string& dir) {
-  const std::string image = ScratchImage("erofs");
-  if (auto made = MakeDirs(dir); !made) return made;
-  if (auto made = RunOrFail({"mkfs.erofs", "--quiet", image, source_dir}); !made) return made;
-  return RunOrFail({"mount", "-t", "erofs", "-o", "loop,ro", image, dir});
-}
-
 AssertionResult MountRamfs(const std::string& dir) {
   if (auto made = MakeDirs(dir); !made) return made;
   if (mount("ramfs", dir.c_str(), "ramfs", 0, nullptr) == 0) return AssertionSuccess();
@@ -119,21 +97,10 @@ AssertionResult MountOverlay(const std::vector<std::string>& lower_dirs, const s
   return AssertionFailure() << "mount overlay " << options << ": " << strerror(errno);
 }
 
-AssertionResult MountOwnDev(bool loop_nodes, bool block_links) {
+AssertionResult MountOwnDev() {
   struct stat control;
   if (stat("/dev/loop-control", &control) == -1) {
     return AssertionFailure() << "no /dev/loop-control: " << strerror(errno);
-  }
-  std::map<std::string, dev_t> loops;
-  if (loop_nodes) {
-    for (const auto& entry : fs::directory_iterator("/dev")) {
-      const std::string name = entry.path().filename();
-      struct stat sb;
-      if (android::base::StartsWith(name, "loop") && name != "loop-control" &&
-          stat(entry.path().c_str(), &sb) == 0 && S_ISBLK(sb.st_mode)) {
-        loops[name] = sb.st_rdev;
-      }
-    }
   }
   if (mount("tmpfs", "/dev", "tmpfs", MS_NOSUID, "mode=0755") == -1) {
     return AssertionFailure() << "mount tmpfs on /dev: " << strerror(errno);
@@ -142,17 +109,7 @@ AssertionResult MountOwnDev(bool loop_nodes, bool block_links) {
                               std::pair{"urandom", makedev(1, 9)}}) {
     if (auto made = MakeNode(std::string("/dev/") + name, S_IFCHR, number); !made) return made;
   }
-  if (auto made = MakeNode("/dev/loop-control", S_IFCHR, control.st_rdev); !made) return made;
-  if (block_links && mkdir("/dev/block", 0755) == -1) {
-    return AssertionFailure() << "mkdir /dev/block: " << strerror(errno);
-  }
-  for (const auto& [name, number] : loops) {
-    if (auto made = MakeNode("/dev/" + name, S_IFBLK, number); !made) return made;
-    if (block_links) {
-      if (auto made = MakeNode("/dev/block/" + name, S_IFBLK, number); !made) return made;
-    }
-  }
-  return AssertionSuccess();
+  return MakeNode("/dev/loop-control", S_IFCHR, control.st_rdev);
 }
 
 AssertionResult MakeBlockNode(const std::string& path, dev_t number) {
@@ -179,24 +136,6 @@ std::string Pattern(size_t size, uint32_t seed) {
   return data;
 }
 
-void WriteFileOrDie(const std::string& path, const std::string& content) {
-  if (!android::base::WriteStringToFile(content, path)) {
-    fprintf(stderr, "cannot write %s: %s\n", path.c_str(), strerror(errno));
-    abort();
-  }
-}
-
-std::string ReadFileOrEmpty(const std::string& path) {
-  std::string content;
-  android::base::ReadFileToString(path, &content);
-  return content;
-}
-
-void WriteTreeFile(const std::string& path, const std::string& content) {
-  fs::create_directories(fs::path(path).parent_path());
-  WriteFileOrDie(path, content);
-}
-
 std::vector<std::string> LoopDevicesBackedBy(const std::string& token) {
   std::vector<std::string> devices;
   std::error_code error;
@@ -207,15 +146,6 @@ std::vector<std::string> LoopDevicesBackedBy(const std::string& token) {
     if (backing.find(token) != std::string::npos) devices.push_back(name);
   }
   return devices;
-}
-
-std::optional<std::string> LoopDeviceOf(const std::string& path) {
-  std::error_code error;
-  for (const auto& entry : fs::directory_iterator("/sys/block", error)) {
-    const std::string backing = ReadFileOrEmpty(entry.path().string() + "/loop/backing_file");
-    if (android::base::Trim(backing) == path) return entry.path().filename().string();
-  }
-  return std::nullopt;
 }
 
 void DetachLoopDevice(const std::string& name) {
@@ -296,6 +226,14 @@ AssertionResult FailIoctl(unsigned long request, int error) {
 bool SysIsFake() {
   struct statfs sys;
   return statfs("/sys", &sys) == 0 && static_cast<uint32_t>(sys.f_type) != SYSFS_MAGIC;
+}
+
+bool InSandbox() {
+  // scripts/sandbox sets the variable. It alone could leak into a host
+  // shell; PID 1 being the sandbox's own init makes sure.
+  const char* inside = getenv("MEND_SANDBOX");
+  return inside != nullptr && std::string(inside) == "1" &&
+         android::base::Trim(ReadFileOrEmpty("/proc/1/comm")) == "bwrap";
 }
 
 }  // namespace mend_test

@@ -1,9 +1,10 @@
 #pragma once
 
-// Helpers for tests that run inside the sandbox against the host kernel's
-// loop driver and against fake sysfs trees. Loop devices are host kernel
-// objects even when attached in the sandbox: everything here only inspects
-// or detaches devices whose backing file carries the test's own token.
+// Helpers for tests against a kernel's loop driver (the host's, from inside
+// the sandbox, or the virtual device's) and against fake sysfs trees. Loop
+// devices are host kernel objects even when attached in the sandbox:
+// everything here only inspects or detaches devices whose backing file
+// carries the test's own token.
 
 #include <android-base/logging.h>
 #include <gtest/gtest.h>
@@ -15,30 +16,23 @@
 #include <string>
 #include <vector>
 
-#include "fake_writes.h"
 #include "log_recorder.h"
+#include "test_files.h"
 
 namespace mend_test {
 
-// Runs a program (PATH lookup) and reports its exit status; its output goes
-// to the test's stderr.
-int RunProgram(const std::vector<std::string>& argv);
-
 // Scratch file systems in the sandbox's own mount namespace. Each vanishes
 // with the sandbox (loop-backed ones auto-clear their device then).
-// `image`, when given, receives the path of the ext4 image file.
-::testing::AssertionResult MountExt4(const std::string& dir, std::string* image = nullptr);
+::testing::AssertionResult MountExt4(const std::string& dir);
 ::testing::AssertionResult MountSquashfs(const std::string& source_dir, const std::string& dir);
-::testing::AssertionResult MountErofs(const std::string& source_dir, const std::string& dir);
 ::testing::AssertionResult MountRamfs(const std::string& dir);
 // A read-only overlay of `lower_dirs` (at least two) on `dir`.
 ::testing::AssertionResult MountOverlay(const std::vector<std::string>& lower_dirs,
                                         const std::string& dir);
 
-// Replaces /dev with a tmpfs holding null, zero, urandom and
-// loop-control; with `loop_nodes`, also /dev/loopN for every loop device
-// that exists now, and with `block_links` the same nodes under /dev/block.
-::testing::AssertionResult MountOwnDev(bool loop_nodes, bool block_links);
+// Replaces /dev with a tmpfs holding only null, zero, urandom and
+// loop-control: no loop device node until a test makes one.
+::testing::AssertionResult MountOwnDev();
 
 // A block device node at `path` with the given number.
 ::testing::AssertionResult MakeBlockNode(const std::string& path, dev_t number);
@@ -51,10 +45,6 @@ std::string UniqueToken();
 // so a misplaced region never compares equal.
 std::string Pattern(size_t size, uint32_t seed = 0);
 
-void WriteFileOrDie(const std::string& path, const std::string& content);
-std::string ReadFileOrEmpty(const std::string& path);
-// Creates `path` with its parent directories and writes `content`.
-void WriteTreeFile(const std::string& path, const std::string& content);
 
 // Names ("loop3") of the loop devices whose backing file path contains `token`.
 std::vector<std::string> LoopDevicesBackedBy(const std::string& token);
@@ -69,9 +59,6 @@ uint64_t DeviceSize(const std::string& device_path);
 // A file under /sys/block/<device>/, trimmed ("" when unreadable).
 std::string BlockAttribute(const std::string& device_path, const std::string& relative);
 
-// The loop device ("loop3") whose backing file is exactly `path`.
-std::optional<std::string> LoopDeviceOf(const std::string& path);
-
 bool WaitUntil(const std::function<bool()>& done,
                std::chrono::milliseconds timeout = std::chrono::seconds(2));
 
@@ -81,5 +68,9 @@ bool WaitUntil(const std::function<bool()>& done,
 
 // True when /sys is a plain directory tree rather than the kernel's sysfs.
 bool SysIsFake();
+
+// True in a process that tests/support/in_fresh_sandbox started. Code that
+// attaches loop devices or writes sysfs checks it first: never on the host.
+bool InSandbox();
 
 }  // namespace mend_test

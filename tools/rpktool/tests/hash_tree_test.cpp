@@ -13,45 +13,28 @@
 #include "hash_tree_builder.h"
 #include "hash_tree_checker.h"
 #include "hex.h"
-#include "package_reader.h"
 #include "tool_test_util.h"
 #include "tree_layout.h"
 
 namespace rpktool {
 namespace {
 
-using rpktool_test::ReadFile;
-using rpktool_test::RunProgram;
-using rpktool_test::ScratchDir;
-using rpktool_test::WriteFile;
+using mend_test::FlipByte;
+using mend_test::ReadWholeFile;
+using mend_test::RunProgram;
+using mend_test::TempDir;
+using mend_test::WriteWholeFile;
 
 android::base::unique_fd OpenRead(const std::string& path) {
   return android::base::unique_fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
 }
 
-TEST(TreeLayout, SizesOfKnownImages) {
-  struct Case {
-    uint64_t data_size;
-    uint32_t digest;
-    uint64_t tree_size;
-    size_t levels;
-  };
-  for (const Case& c : {Case{4194304, 32, 36864, 2}, Case{4194304, 64, 69632, 2},
-                        Case{1048576, 32, 12288, 2}, Case{4096, 32, 0, 0}, Case{8192, 32, 4096, 1},
-                        Case{128 * 4096, 32, 4096, 1}, Case{129 * 4096, 32, 12288, 2},
-                        Case{4096 * 4096 + 4096, 64, 1 * 4096 + 2 * 4096 + 65 * 4096, 3},
-                        Case{4096 * 2, 20, 4096, 1}}) {
-    auto layout = ComputeTreeLayout(c.data_size, 4096, 4096, c.digest);
-    ASSERT_TRUE(layout.ok()) << layout.error();
-    EXPECT_EQ(layout->tree_size, c.tree_size) << c.data_size << "/" << c.digest;
-    EXPECT_EQ(layout->levels.size(), c.levels) << c.data_size << "/" << c.digest;
-  }
-  auto partial = ComputeTreeLayout(4096 * 3 + 1, 4096, 4096, 32);
-  ASSERT_TRUE(partial.ok());
-  EXPECT_EQ(partial->data_blocks, 4u) << "a short last block still counts";
-  auto top_first = ComputeTreeLayout(4194304, 4096, 4096, 32);
-  EXPECT_EQ(top_first->levels[1].offset, 0u);
-  EXPECT_EQ(top_first->levels[0].offset, 4096u) << "level 0 is stored last";
+// Tree sizes and level order are checked byte for byte against veritysetup
+// below; what it cannot show is a short last block.
+TEST(TreeLayout, AShortLastBlockStillCounts) {
+  auto layout = ComputeTreeLayout(4096 * 3 + 1, 4096, 4096, 32);
+  ASSERT_TRUE(layout.ok()) << layout.error();
+  EXPECT_EQ(layout->data_blocks, 4u);
 }
 
 TEST(TreeLayout, RejectsImpossibleGeometry) {
@@ -79,16 +62,18 @@ TEST(HashTreeBuilder, MatchesVeritysetupByteForByte) {
     uint32_t block_size;
     const char* hash;
   };
-  ScratchDir dir;
+  TempDir dir;
   unsigned seed = 1;
+  // One block (no tree), one hash block exactly full and one more, two and
+  // three levels, and other digest and block sizes.
   for (const Case& c : {Case{1, 4096, "sha256"}, Case{2, 4096, "sha256"},
-                        Case{129, 4096, "sha256"}, Case{4097, 4096, "sha256"},
-                        Case{300, 4096, "sha512"}, Case{70, 4096, "sha1"},
-                        Case{1000, 1024, "sha256"}}) {
+                        Case{128, 4096, "sha256"}, Case{129, 4096, "sha256"},
+                        Case{4097, 4096, "sha256"}, Case{4097, 4096, "sha512"},
+                        Case{70, 4096, "sha1"}, Case{1000, 1024, "sha256"}}) {
     SCOPED_TRACE(std::to_string(c.blocks) + " x " + std::to_string(c.block_size) + " " + c.hash);
     const std::string data_path = dir / "data";
     const std::string tree_path = dir / "tree";
-    WriteFile(data_path, PatternedData(c.blocks, c.block_size, seed++));
+    WriteWholeFile(data_path, PatternedData(c.blocks, c.block_size, seed++));
     unlink(tree_path.c_str());  // veritysetup writes into an existing file without truncating
     const std::vector<uint8_t> salt = {0xde, 0xad, 0xbe, 0xef, 0x01};
     auto reference = RunProgram({"veritysetup", "format", "--no-superblock", "--format=1",
@@ -110,7 +95,7 @@ TEST(HashTreeBuilder, MatchesVeritysetupByteForByte) {
       EXPECT_NE(reference.out.find(ToHex(tree->root_digest)), std::string::npos)
           << "root digest " << ToHex(tree->root_digest) << " not in:\n" << reference.out;
       if (c.blocks > 1) {
-        const std::string expected = ReadFile(tree_path);
+        const std::string expected = ReadWholeFile(tree_path);
         EXPECT_TRUE(std::string(tree->tree.begin(), tree->tree.end()) == expected)
             << "tree bytes differ (" << threads << " threads)";
       }
@@ -119,8 +104,8 @@ TEST(HashTreeBuilder, MatchesVeritysetupByteForByte) {
 }
 
 TEST(HashTreeBuilder, ReportsAFileShorterThanTheDataArea) {
-  ScratchDir dir;
-  WriteFile(dir / "short", std::string(4096 * 3, 'x'));
+  TempDir dir;
+  WriteWholeFile(dir / "short", std::string(4096 * 3, 'x'));
   auto hasher = BlockHasher::Create("sha256", {1});
   auto layout = ComputeTreeLayout(4096 * 4, 4096, 4096, 32);
   auto fd = OpenRead(dir / "short");
@@ -138,11 +123,11 @@ struct TestImage {
   TreeLayout layout;
 };
 
-TestImage MakeImage(const ScratchDir& dir, uint64_t blocks, const std::string& hash) {
+TestImage MakeImage(const TempDir& dir, uint64_t blocks, const std::string& hash) {
   TestImage image;
   image.path = dir / "image";
   const std::string data = PatternedData(blocks, 4096, 7);
-  WriteFile(dir / "data", data);
+  WriteWholeFile(dir / "data", data);
   image.params.hash_algorithm = hash;
   image.params.salt = {9, 8, 7, 6};
   image.params.data_block_size = image.params.hash_block_size = 4096;
@@ -160,7 +145,7 @@ TestImage MakeImage(const ScratchDir& dir, uint64_t blocks, const std::string& h
   file.append(tree->tree.begin(), tree->tree.end());
   file += std::string(8192, '\0');  // vbmeta and footer would follow
   image.length = file.size() - image.offset;
-  WriteFile(image.path, file);
+  WriteWholeFile(image.path, file);
   return image;
 }
 
@@ -172,7 +157,7 @@ TreeCheckResult Check(const TestImage& image, unsigned threads = 2) {
 }
 
 TEST(HashTreeChecker, AcceptsAnIntactImageAndCountsZeroBlocks) {
-  ScratchDir dir;
+  TempDir dir;
   TestImage image = MakeImage(dir, 1500, "sha256");
   TreeCheckResult result = Check(image);
   EXPECT_FALSE(result.bad_block.has_value()) << DescribeBadBlock(*result.bad_block);
@@ -181,10 +166,10 @@ TEST(HashTreeChecker, AcceptsAnIntactImageAndCountsZeroBlocks) {
 }
 
 TEST(HashTreeChecker, NamesTheFirstBadDataBlockAndItsKind) {
-  ScratchDir dir;
+  TempDir dir;
   TestImage image = MakeImage(dir, 1500, "sha512");
-  rpktool_test::FlipByte(image.path, image.offset + 1400 * 4096 + 7);  // data
-  rpktool_test::FlipByte(image.path, image.offset + 1234 * 4096 + 4095);  // data, found first
+  FlipByte(image.path, image.offset + 1400 * 4096 + 7);  // data
+  FlipByte(image.path, image.offset + 1234 * 4096 + 4095);  // data, found first
   for (unsigned threads : {1u, 2u, 5u}) {
     TreeCheckResult result = Check(image, threads);
     ASSERT_TRUE(result.bad_block.has_value());
@@ -194,9 +179,9 @@ TEST(HashTreeChecker, NamesTheFirstBadDataBlockAndItsKind) {
     EXPECT_FALSE(result.bad_block->zero_at_signing);
   }
 
-  ScratchDir zero_dir;
+  TempDir zero_dir;
   TestImage zero = MakeImage(zero_dir, 1500, "sha256");
-  rpktool_test::FlipByte(zero.path, zero.offset + 8 * 4096 + 100);  // block 8 was all zeros
+  FlipByte(zero.path, zero.offset + 8 * 4096 + 100);  // block 8 was all zeros
   TreeCheckResult result = Check(zero);
   ASSERT_TRUE(result.bad_block.has_value());
   EXPECT_EQ(result.bad_block->index, 8u);
@@ -205,13 +190,13 @@ TEST(HashTreeChecker, NamesTheFirstBadDataBlockAndItsKind) {
 }
 
 TEST(HashTreeChecker, NamesBadTreeBlocksByLevelBeforeLookingAtData) {
-  ScratchDir dir;
+  TempDir dir;
   TestImage image = MakeImage(dir, 5000, "sha512");  // levels: 0 (79 blocks), 1, 2 (top)
   ASSERT_EQ(image.layout.levels.size(), 3u);
   const uint64_t tree_start = image.offset + image.params.tree_offset;
   const TreeLevel& level0 = image.layout.levels[0];
-  rpktool_test::FlipByte(image.path, tree_start + level0.offset + 3 * 4096 + 9);
-  rpktool_test::FlipByte(image.path, image.offset + 10);  // data block 0 too
+  FlipByte(image.path, tree_start + level0.offset + 3 * 4096 + 9);
+  FlipByte(image.path, image.offset + 10);  // data block 0 too
   TreeCheckResult result = Check(image);
   ASSERT_TRUE(result.bad_block.has_value());
   EXPECT_FALSE(result.bad_block->is_data);
@@ -219,7 +204,7 @@ TEST(HashTreeChecker, NamesBadTreeBlocksByLevelBeforeLookingAtData) {
   EXPECT_EQ(result.bad_block->index, 3u);
   EXPECT_EQ(result.bad_block->image_offset, image.params.tree_offset + level0.offset + 3 * 4096);
 
-  rpktool_test::FlipByte(image.path, tree_start + 5);  // the top level's only block
+  FlipByte(image.path, tree_start + 5);  // the top level's only block
   result = Check(image);
   ASSERT_TRUE(result.bad_block.has_value());
   EXPECT_EQ(result.bad_block->level, 2u);
@@ -227,10 +212,10 @@ TEST(HashTreeChecker, NamesBadTreeBlocksByLevelBeforeLookingAtData) {
 }
 
 TEST(HashTreeChecker, SingleBlockImagesCompareWithTheRootDigest) {
-  ScratchDir dir;
+  TempDir dir;
   TestImage image = MakeImage(dir, 1, "sha256");
   EXPECT_FALSE(Check(image).bad_block.has_value());
-  rpktool_test::FlipByte(image.path, image.offset + 4000);
+  FlipByte(image.path, image.offset + 4000);
   auto result = Check(image);
   ASSERT_TRUE(result.bad_block.has_value());
   EXPECT_TRUE(result.bad_block->is_data);
@@ -238,7 +223,7 @@ TEST(HashTreeChecker, SingleBlockImagesCompareWithTheRootDigest) {
 }
 
 TEST(HashTreeChecker, RefusesParametersThatDoNotDescribeTheImage) {
-  ScratchDir dir;
+  TempDir dir;
   TestImage image = MakeImage(dir, 300, "sha256");
   auto fd = OpenRead(image.path);
   auto expect_error = [&](VerityParams params, const std::string& words) {
@@ -261,27 +246,6 @@ TEST(HashTreeChecker, RefusesParametersThatDoNotDescribeTheImage) {
   params = image.params;
   params.hash_algorithm = "nohash";
   expect_error(params, "unsupported hash");
-}
-
-TEST(HashTreeChecker, FindsTheFlippedByteOfTheCorruptFixture) {
-  auto package = OpenPackage(rpktool_test::FixturePath("pkgs/data_corrupt.zip"));
-  ASSERT_TRUE(package.ok());
-  VerityParams params;
-  params.image_size = 4194304;
-  params.tree_offset = 4194304;
-  params.tree_size = 36864;
-  params.data_block_size = params.hash_block_size = 4096;
-  params.hash_algorithm = "sha256";
-  params.salt = *ParseHex("0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef");
-  params.root_digest =
-      *ParseHex("8c07ca9c9610e8dab041729d40117d1a03e1233f3854e72b37c8a5d9fb0a8e95");
-  auto result = CheckHashTree(package->fd.get(), package->image->data_offset,
-                              package->image->uncompressed_size, params, 2);
-  ASSERT_TRUE(result.ok()) << result.error();
-  ASSERT_TRUE(result->bad_block.has_value());
-  EXPECT_TRUE(result->bad_block->is_data);
-  EXPECT_EQ(result->bad_block->index, 13u);
-  EXPECT_FALSE(result->bad_block->zero_at_signing);
 }
 
 }  // namespace

@@ -30,7 +30,7 @@ std::string ReplaceAll(std::string text, const std::string& from, const std::str
 }
 
 TEST(PackageConfig, TheFixtureConfigIsClean) {
-  PackageConfig config = ParsePackageConfig(rpktool_test::SampleConfig());
+  PackageConfig config = ParsePackageConfig(mend_test::PackageConfig("demo_fix1"));
   EXPECT_TRUE(config.issues.empty()) << config.issues[0].message;
   EXPECT_EQ(config.Get("module_path"), "/system/lib64;/system/app");
   EXPECT_EQ(config.values.size(), 11u);
@@ -52,7 +52,7 @@ TEST(PackageConfig, ReadsLinesAsTheDaemonDoes) {
 }
 
 TEST(PackageConfig, ErrorsForPackagesThatEndTheDaemonOrNeverApply) {
-  const std::string good = rpktool_test::SampleConfig();
+  const std::string good = mend_test::PackageConfig("demo_fix1");
   struct Case {
     std::string text;
     std::string words;
@@ -80,7 +80,7 @@ TEST(PackageConfig, ErrorsForPackagesThatEndTheDaemonOrNeverApply) {
 }
 
 TEST(PackageConfig, WarningsForLikelyMistakes) {
-  const std::string good = rpktool_test::SampleConfig();
+  const std::string good = mend_test::PackageConfig("demo_fix1");
   struct Case {
     std::string text;
     std::string words;

@@ -14,7 +14,7 @@
 namespace rpktool {
 namespace {
 
-using rpktool_test::ScratchDir;
+using mend_test::TempDir;
 
 // Writes config.txt and a reserved, aligned image member filled with a
 // pattern, like `make` does.
@@ -39,11 +39,12 @@ void WritePackageLike(const std::string& path, const std::string& config, uint64
 }
 
 TEST(StoredZipWriter, ImageDataIsStoredAndAlignedWhereTheDaemonLooks) {
-  ScratchDir dir;
+  TempDir dir;
   for (size_t config_size : {size_t{279}, size_t{4000}, size_t{9000}}) {
     SCOPED_TRACE(config_size);
     const std::string path = dir / "pkg.zip";
-    const std::string config = rpktool_test::SampleConfig() + std::string(config_size - 279, '#');
+    std::string config = mend_test::PackageConfig("demo_fix1");
+    config.resize(config_size, '#');
     WritePackageLike(path, config, 3 * 4096 + 100);
 
     android::base::unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -63,16 +64,16 @@ TEST(StoredZipWriter, ImageDataIsStoredAndAlignedWhereTheDaemonLooks) {
     EXPECT_EQ(config_entry.offset, 40);
     CloseArchive(handle);
 
-    auto test = rpktool_test::RunProgram({"unzip", "-t", path});
+    auto test = mend_test::RunProgram({"unzip", "-t", path});
     EXPECT_EQ(test.exit_code, 0) << test.out;  // checks both CRCs
   }
 }
 
 TEST(StoredZipWriter, AlignmentExtraFieldNamesTheAlignment) {
-  ScratchDir dir;
+  TempDir dir;
   const std::string path = dir / "pkg.zip";
   WritePackageLike(path, "update_package_name=x\n", 4096);
-  const std::string bytes = rpktool_test::ReadFile(path);
+  const std::string bytes = mend_test::ReadWholeFile(path);
   const size_t header = 40 + 22;  // config.txt member, then the image's local header
   ASSERT_EQ(bytes.compare(header, 4, "PK\x03\x04"), 0);
   const size_t extra_length = static_cast<uint8_t>(bytes[header + 28]) |
@@ -86,7 +87,7 @@ TEST(StoredZipWriter, AlignmentExtraFieldNamesTheAlignment) {
 }
 
 TEST(StoredZipWriter, RefusesMembersBeyondZip32) {
-  ScratchDir dir;
+  TempDir dir;
   android::base::unique_fd fd(open((dir / "big.zip").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
   StoredZipWriter zip(fd.get(), 0);
   EXPECT_FALSE(zip.ReserveMember("update_payload.img", 0x100000000ull, 4096).ok());

@@ -1,31 +1,40 @@
-// Block queue tuning against fake sysfs trees, for what a real kernel cannot
-// be made to show: refused writes, a kernel whose pass-through scheduler is
-// called "noop", disks of any queue depth and partition layouts. Writes to
-// the attribute files are answered by fake_writes, reads come from the tree.
+// The loop code against fake sysfs trees, for what a real kernel cannot be
+// made to show: for block queue tuning, refused writes, a kernel whose
+// pass-through scheduler is called "noop", disks of any queue depth and
+// partition layouts (writes to the attribute files are answered by
+// fake_writes, reads come from the tree); for pre-allocation, which devices
+// look bound.
 
-#include <android-base/file.h>
+#include <android-base/parseint.h>
+#include <android-base/strings.h>
+#include <android-base/unique_fd.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
 #include <cerrno>
+#include <cstring>
 #include <filesystem>
+#include <set>
 
+#include "fake_writes.h"
 #include "loop_test_env.h"
 #include "mend_loop.h"
-#include "sandboxed_test.h"
 
 namespace mend_test {
 namespace {
 
 namespace fs = std::filesystem;
+using android::base::INFO;
 using android::base::VERBOSE;
 using android::base::WARNING;
 using android::rpk::loop::ConfigureQueueDepth;
 using android::rpk::loop::ConfigureReadAhead;
 using android::rpk::loop::ConfigureScheduler;
+using android::rpk::loop::PreAllocateLoopDevices;
 using ::testing::ElementsAre;
-using ::testing::ElementsAreArray;
 using ::testing::IsEmpty;
 
 constexpr char kQueue[] = "/sys/block/loop3/queue/";
@@ -33,7 +42,6 @@ constexpr char kQueue[] = "/sys/block/loop3/queue/";
 class QueueTuningTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (!InSandbox()) return;
     ASSERT_TRUE(SysIsFake()) << "refusing to write a fake tree over the real sysfs";
   }
 
@@ -59,7 +67,6 @@ class QueueTuningTest : public ::testing::Test {
 };
 
 TEST_F(QueueTuningTest, SchedulerIsSwitchedToPassThrough) {
-  MEND_RUN_IN_SANDBOX(WithFakeSys());
   struct Case {
     const char* current;
     std::vector<std::string> refused;
@@ -113,7 +120,6 @@ TEST_F(QueueTuningTest, SchedulerIsSwitchedToPassThrough) {
 }
 
 TEST_F(QueueTuningTest, ReadAheadIsSetTo128KiB) {
-  MEND_RUN_IN_SANDBOX(WithFakeSys());
   const std::string path = Attribute("read_ahead_kb", "4096\n");
   ASSERT_TRUE(ConfigureReadAhead("/dev/block/loop3").ok());
   // Four bytes: the terminating NUL goes with the number.
@@ -143,7 +149,6 @@ TEST_F(QueueTuningTest, ReadAheadIsSetTo128KiB) {
 }
 
 TEST_F(QueueTuningTest, ReadAheadOfANonDevicePathAborts) {
-  MEND_RUN_IN_SANDBOX(WithFakeSys());
   EXPECT_DEATH(ConfigureReadAhead("loop3").ok(),
                "Check failed: StartsWith\\(device_path, \"/dev/\"\\) ");
 }
@@ -154,9 +159,9 @@ class QueueDepthTest : public QueueTuningTest {
  protected:
   void SetUp() override {
     QueueTuningTest::SetUp();
-    if (!InSandbox()) return;
-    ASSERT_TRUE(MountOwnDev(/*loop_nodes=*/false, /*block_links=*/false));
-    WriteFileOrDie(kBackingFile, "image");
+    if (HasFatalFailure()) return;
+    ASSERT_TRUE(MountOwnDev());
+    WriteWholeFile(kBackingFile, "image");
     struct stat sb;
     ASSERT_EQ(stat(kBackingFile, &sb), 0);
     file_device_ = sb.st_dev;
@@ -195,7 +200,6 @@ class QueueDepthTest : public QueueTuningTest {
 };
 
 TEST_F(QueueDepthTest, FollowsTheDiskUnderTheBackingFile) {
-  MEND_RUN_IN_SANDBOX(WithFakeSys());
   struct Case {
     const char* requests;
     const char* tags;
@@ -261,7 +265,6 @@ TEST_F(QueueDepthTest, FollowsTheDiskUnderTheBackingFile) {
 }
 
 TEST_F(QueueDepthTest, DiskLayoutsAndTheirErrors) {
-  MEND_RUN_IN_SANDBOX(WithFakeSys());
   const std::string requests_path = std::string(kQueue) + "nr_requests";
 
   // A whole disk (no partition attribute) is its own parent.
@@ -297,7 +300,6 @@ TEST_F(QueueDepthTest, DiskLayoutsAndTheirErrors) {
     std::string error;
     int code;
   };
-  const std::string file = kBackingFile;
   const Case cases[] = {
       {"sdc1", {"sdc1!", "sda/sda1"}, kBackingFile, "Failed to determine parent of sdc1", 0},
       {"sdd1", {"sda/sda1"}, kBackingFile, "Failed to determine parent of sdd1", 0},
@@ -324,7 +326,7 @@ TEST_F(QueueDepthTest, DiskLayoutsAndTheirErrors) {
   Requests("128");
   struct stat run;
   ASSERT_EQ(stat("/run", &run), 0);
-  WriteFileOrDie("/run/backing.img", "image");
+  WriteWholeFile("/run/backing.img", "image");
   auto unknown = ConfigureQueueDepth("/dev/block/loop3", "/run/backing.img");
   ASSERT_FALSE(unknown.ok());
   EXPECT_EQ(unknown.error().message(), "Failed to convert " + std::to_string(major(run.st_dev)) +
@@ -345,6 +347,70 @@ TEST_F(QueueDepthTest, DiskLayoutsAndTheirErrors) {
   ASSERT_FALSE(not_a_node.ok());
   EXPECT_EQ(not_a_node.error().message(), "Invalid argument loop3");
   EXPECT_EQ(not_a_node.error().code(), 0);
+}
+
+// Ids of the loop devices that exist, from their /dev nodes.
+std::set<int> ExistingLoopDevices() {
+  std::set<int> ids;
+  for (const auto& entry : fs::directory_iterator("/dev")) {
+    const std::string name = entry.path().filename();
+    int id = 0;
+    if (android::base::StartsWith(name, "loop") && android::base::ParseInt(name.substr(4), &id) &&
+        entry.is_block_file()) {
+      ids.insert(id);
+    }
+  }
+  return ids;
+}
+
+// A fake /sys decides which existing devices look bound; the control node
+// and the devices are the host's.
+TEST(PreAllocateLoopDevicesTest, CountsIdleDevicesAndAllocatesTheRest) {
+  ASSERT_TRUE(SysIsFake());
+  LogRecorder logs;
+  // Opening the control node loads the driver, which makes its first devices.
+  android::base::unique_fd control(open("/dev/loop-control", O_RDWR | O_CLOEXEC));
+  ASSERT_NE(control.get(), -1) << strerror(errno);
+  const std::set<int> existing = ExistingLoopDevices();
+  for (int id = 0; id < 4; ++id) {
+    if (!existing.count(id)) GTEST_SKIP() << "loop" << id << " does not exist on this host";
+  }
+  const std::string found_none =
+      "Found 0 idle loopback devices that were pre-allocated by kernel. Allocated 0 more.";
+
+  // Nothing wanted: nothing is asked of the driver.
+  ASSERT_TRUE(PreAllocateLoopDevices(0).ok());
+  EXPECT_THAT(logs.Messages(INFO), ElementsAre(found_none));
+  EXPECT_THAT(logs.Messages(WARNING), IsEmpty());
+
+  // loop0 and loop1 bound: skipped; loop2 and loop3 are the idle ones.
+  logs.Clear();
+  WriteTreeFile("/sys/block/loop0/loop/backing_file", "/a\n");
+  WriteTreeFile("/sys/block/loop1/loop/backing_file", "/b\n");
+  ASSERT_TRUE(PreAllocateLoopDevices(2).ok());
+  EXPECT_THAT(logs.Messages(WARNING),
+              ElementsAre("Loop device 0 already in use", "Loop device 1 already in use"));
+  EXPECT_THAT(logs.Messages(INFO),
+              ElementsAre("Found 2 idle loopback devices that were pre-allocated by kernel. "
+                          "Allocated 0 more."));
+
+  // Every existing device bound: two new ones are made (and removed again).
+  logs.Clear();
+  for (int id = 0; id <= *existing.rbegin(); ++id) {
+    fs::create_directories("/sys/block/loop" + std::to_string(id) + "/loop");
+  }
+  auto allocated = PreAllocateLoopDevices(2);
+  std::set<int> created;
+  for (int id : ExistingLoopDevices()) {
+    if (!existing.count(id)) created.insert(id);
+  }
+  for (int id : created) ioctl(control.get(), LOOP_CTL_REMOVE, id);
+
+  ASSERT_TRUE(allocated.ok()) << allocated.error();
+  EXPECT_EQ(created.size(), 2u);
+  EXPECT_THAT(logs.Messages(INFO),
+              ElementsAre("Found 0 idle loopback devices that were pre-allocated by kernel. "
+                          "Allocated 2 more."));
 }
 
 }  // namespace
