@@ -62,12 +62,12 @@ class DaemonOnDeviceTest : public ::testing::Test {
   // The image of reference package `fixture` under another config (which
   // the signature does not cover), as package `name` in <name>.zip.
   void AddRepackaged(const std::string& fixture, const std::string& name, int task_id,
-                     const std::string& extra_config) {
+                     const std::string& extra_config, unsigned alignment = 4096) {
     const std::string target = "/data/rvx/imgs/" + name + ".zip";
     const std::string image =
         ReadZipMember(AvbFixture("pkgs/" + fixture + ".zip"), "update_payload.img");
     WriteZip(device_.root().HostPath(target), {{"config.txt", PackageConfig(name, extra_config)},
-                                               {"update_payload.img", image, false, 4096}});
+                                               {"update_payload.img", image, false, alignment}});
     AddRecord(name, target, task_id);
   }
 
@@ -181,6 +181,17 @@ TEST_F(DaemonOnDeviceTest, FailedOverlayAfterAMountedRepairRestartsTheDevice) {
   EXPECT_EQ(Read("/data/rvx/msgs/native.msg"),
             NativeLine("broken_fix", "broken_fix.zip", 2, "{\"status\":-8}") + "\n" +
                 NativeLine("demo_fix1", "valid_2048.zip", 1, "{\"status\":1}") + "\n");
+}
+
+TEST_F(DaemonOnDeviceTest, ImageAtAnUnalignedOffsetInTheZipMountsToo) {
+  // As a plain `zip -0` writes it: the image data starts a few dozen bytes
+  // in, so the loop device cannot use direct I/O and reads buffered.
+  AddRepackaged("valid_2048", "demo_fix1", 3, "", 0);
+  const VmRun run = RunDaemon();
+  ASSERT_TRUE(run.finished) << run.end << "\n" << run.output;
+  EXPECT_TRUE(Contains(Section(run.output, "mounts"), " /mnt/rvx/demo_fix1 ext4 ro")) << run.output;
+  EXPECT_EQ(Read("/data/rvx/msgs/native.msg"),
+            NativeLine("demo_fix1", "demo_fix1.zip", 3, "{\"status\":1}") + "\n");
 }
 
 TEST_F(DaemonOnDeviceTest, PackageWithoutModulesOfItsOwnIsJudgedByTheOthers) {

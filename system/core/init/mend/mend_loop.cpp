@@ -82,6 +82,23 @@ Result<void> WarnAndFail(const char* what) {
   return Error(saved_errno) << what;
 }
 
+// Older kernels leave O_DIRECT on the backing file when they decide against
+// direct I/O (an image offset that is not block aligned), and their buffered
+// reads through that file then fail. The loop device reads through the very
+// file opened here, so dropping the flag on it fixes what the device uses.
+void DropUnusedDirectFlag(int device_fd, int target_fd, const std::string& target) {
+  struct loop_info64 status = {};
+  if (ioctl(device_fd, LOOP_GET_STATUS64, &status) == -1) return;
+  if (status.lo_flags & LO_FLAGS_DIRECT_IO) return;
+  const int flags = fcntl(target_fd, F_GETFL);
+  if (flags == -1 || !(flags & O_DIRECT)) return;
+  if (fcntl(target_fd, F_SETFL, flags & ~O_DIRECT) == -1) {
+    PLOG(WARNING) << "Failed to drop O_DIRECT from " << target;
+    return;
+  }
+  LOG(INFO) << "Direct I/O not in use for " << target << ", reading buffered";
+}
+
 struct DirCloser {
   void operator()(DIR* dir) const { closedir(dir); }
 };
@@ -323,6 +340,7 @@ Result<void> ConfigureLoopDevice(int device_fd, const std::string& target, uint3
     if (ioctl(device_fd, LOOP_CONFIGURE, &config) == -1) {
       return WarnAndFail("Failed to LOOP_CONFIGURE");
     }
+    if (direct_io) DropUnusedDirectFlag(device_fd, target_fd.get(), target);
     LOG(WARNING) << "ConfigureLoopDevice end 1";
     return {};
   }
@@ -340,6 +358,7 @@ Result<void> ConfigureLoopDevice(int device_fd, const std::string& target, uint3
   if (ioctl(device_fd, LOOP_SET_BLOCK_SIZE, kLoopBlockSize) == -1) {
     PLOG(WARNING) << "Failed to LOOP_SET_BLOCK_SIZE";
   }
+  if (direct_io) DropUnusedDirectFlag(device_fd, target_fd.get(), target);
   LOG(WARNING) << "ConfigureLoopDevice end 2";
   return {};
 }
