@@ -62,12 +62,12 @@ TEST(DmTargetVerityTest, UnknownModeMakesTheTargetUnusable) {
   }
 }
 
-// The spec header of the target at byte `at` of a serialized table.
+// The header of the target at byte `at` of a serialized table.
 dm_target_spec SpecAt(const std::string& bytes, size_t at) {
-  dm_target_spec spec;
-  EXPECT_LE(at + sizeof(spec), bytes.size());
-  std::memcpy(&spec, bytes.data() + at, sizeof(spec));
-  return spec;
+  dm_target_spec header;
+  EXPECT_LE(at + sizeof(header), bytes.size());
+  std::memcpy(&header, bytes.data() + at, sizeof(header));
+  return header;
 }
 
 TEST(DmTableTest, SerializesEachTargetAsAlignedSpecAndParameters) {

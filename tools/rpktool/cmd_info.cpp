@@ -2,7 +2,7 @@
 
 #include "arg_parser.h"
 #include "commands.h"
-#include "image_inspector.h"
+#include "image_metadata.h"
 #include "package_reader.h"
 #include "package_report.h"
 
@@ -37,7 +37,7 @@ int RunInfo(const std::vector<std::string>& args) {
   }
   std::optional<ImageMetadata> metadata;
   if (package->image) {
-    metadata = InspectImage(package->fd.get(), package->image->data_offset,
+    metadata = ReadImageMetadata(package->fd.get(), package->image->data_offset,
                             package->image->uncompressed_size);
   }
   const Json::Value report = DescribePackage(*package, metadata ? &*metadata : nullptr);

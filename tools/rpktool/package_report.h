@@ -7,7 +7,7 @@
 
 #include <string>
 
-#include "image_inspector.h"
+#include "image_metadata.h"
 #include "package_reader.h"
 
 namespace rpktool {

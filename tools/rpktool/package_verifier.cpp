@@ -2,7 +2,7 @@
 
 #include "file_io.h"
 #include "hex.h"
-#include "image_inspector.h"
+#include "image_metadata.h"
 #include "mend_mount_file.h"
 #include "package_config.h"
 #include "package_reader.h"
@@ -85,7 +85,7 @@ Result<VerifyOutcome> VerifyPackage(const VerifyRequest& request) {
 
   std::optional<ImageMetadata> metadata;
   if (package->image) {
-    metadata = InspectImage(package->fd.get(), package->image->data_offset,
+    metadata = ReadImageMetadata(package->fd.get(), package->image->data_offset,
                             package->image->uncompressed_size);
     if (metadata->header) {
       const AvbAlgorithm* algorithm = FindAlgorithmByType(metadata->header->algorithm_type);

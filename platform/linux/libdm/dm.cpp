@@ -265,18 +265,18 @@ bool DeviceMapper::QueryTable(const std::string& name, bool table_lines,
     for (uint32_t i = 0; i < out->target_count; ++i) {
       const size_t spec_at = data_start + offset;
       if (spec_at > data_end || data_end - spec_at < sizeof(dm_target_spec)) return false;
-      dm_target_spec spec;
-      std::memcpy(&spec, io.bytes() + spec_at, sizeof(spec));
-      const char* text = io.bytes() + spec_at + sizeof(spec);
-      const size_t text_room = data_end - spec_at - sizeof(spec);
+      dm_target_spec target;
+      std::memcpy(&target, io.bytes() + spec_at, sizeof(target));
+      const char* text = io.bytes() + spec_at + sizeof(target);
+      const size_t text_room = data_end - spec_at - sizeof(target);
       TargetInfo info;
-      info.start = spec.sector_start;
-      info.length = spec.length;
-      info.type.assign(spec.target_type, strnlen(spec.target_type, sizeof(spec.target_type)));
+      info.start = target.sector_start;
+      info.length = target.length;
+      info.type.assign(target.target_type, strnlen(target.target_type, sizeof(target.target_type)));
       info.data.assign(text, strnlen(text, text_room));
       table->push_back(std::move(info));
-      if (spec.next <= offset && i + 1 < out->target_count) return false;
-      offset = spec.next;
+      if (target.next <= offset && i + 1 < out->target_count) return false;
+      offset = target.next;
     }
     return true;
   }

@@ -37,17 +37,17 @@ std::string DmTable::Serialize() const {
     // The target header, the parameters and their NUL, padded so that the next header
     // starts 8-byte aligned.
     const size_t chunk = (sizeof(dm_target_spec) + params.size() + 1 + 7) & ~size_t{7};
-    dm_target_spec spec = {};
-    spec.sector_start = target->start();
-    spec.length = target->size();
-    spec.next = static_cast<uint32_t>(chunk);
+    dm_target_spec header = {};
+    header.sector_start = target->start();
+    header.length = target->size();
+    header.next = static_cast<uint32_t>(chunk);
     const std::string type = target->name();
-    std::strncpy(spec.target_type, type.c_str(), sizeof(spec.target_type) - 1);
+    std::strncpy(header.target_type, type.c_str(), sizeof(header.target_type) - 1);
 
     const size_t at = out.size();
     out.resize(at + chunk, '\0');
-    std::memcpy(&out[at], &spec, sizeof(spec));
-    std::memcpy(&out[at + sizeof(spec)], params.data(), params.size());
+    std::memcpy(&out[at], &header, sizeof(header));
+    std::memcpy(&out[at + sizeof(header)], params.data(), params.size());
   }
   return out;
 }

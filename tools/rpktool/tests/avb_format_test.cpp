@@ -11,7 +11,7 @@
 #include "block_hasher.h"
 #include "file_io.h"
 #include "hash_tree_builder.h"
-#include "image_inspector.h"
+#include "image_metadata.h"
 #include "image_layout.h"
 #include "package_reader.h"
 #include "public_key_blob.h"
@@ -84,7 +84,7 @@ FixtureImage LoadFixtureImage(const std::string& package_name) {
                       package->image->data_offset);
   EXPECT_TRUE(image.ok());
   fixture.image = *image;
-  fixture.meta = InspectImage(package->fd.get(), package->image->data_offset,
+  fixture.meta = ReadImageMetadata(package->fd.get(), package->image->data_offset,
                               package->image->uncompressed_size);
   EXPECT_EQ(fixture.meta.problem, "");
   return fixture;

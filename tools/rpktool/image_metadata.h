@@ -35,7 +35,7 @@ struct ImageMetadata {
 };
 
 // `offset` and `size` locate the image inside `fd`.
-ImageMetadata InspectImage(int fd, uint64_t offset, uint64_t size);
+ImageMetadata ReadImageMetadata(int fd, uint64_t offset, uint64_t size);
 
 // The largest vbmeta block the daemon reads.
 inline constexpr uint64_t kDaemonVbmetaLimit = 64 * 1024;

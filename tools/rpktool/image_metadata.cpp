@@ -1,4 +1,4 @@
-#include "image_inspector.h"
+#include "image_metadata.h"
 
 #include "file_io.h"
 
@@ -18,7 +18,7 @@ const HashtreeDescriptor* ImageMetadata::Hashtree() const {
   return nullptr;
 }
 
-ImageMetadata InspectImage(int fd, uint64_t offset, uint64_t size) {
+ImageMetadata ReadImageMetadata(int fd, uint64_t offset, uint64_t size) {
   ImageMetadata meta;
   if (size < kFooterSize) {
     meta.problem = "the image is smaller than an AVB footer";
