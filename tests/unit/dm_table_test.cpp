@@ -63,7 +63,7 @@ TEST(DmTargetVerityTest, UnknownModeMakesTheTargetUnusable) {
 }
 
 // The header of the target at byte `at` of a serialized table.
-dm_target_spec SpecAt(const std::string& bytes, size_t at) {
+dm_target_spec TargetHeaderAt(const std::string& bytes, size_t at) {
   dm_target_spec header;
   EXPECT_LE(at + sizeof(header), bytes.size());
   std::memcpy(&header, bytes.data() + at, sizeof(header));
@@ -82,7 +82,7 @@ TEST(DmTableTest, SerializesEachTargetAsAlignedSpecAndParameters) {
   const std::string bytes = table.Serialize();
   ASSERT_EQ(bytes.size(), 48u + 56u + 48u);
 
-  const dm_target_spec first = SpecAt(bytes, 0);
+  const dm_target_spec first = TargetHeaderAt(bytes, 0);
   EXPECT_EQ(first.sector_start, 0u);
   EXPECT_EQ(first.length, 100u);
   EXPECT_EQ(first.status, 0);
@@ -90,14 +90,14 @@ TEST(DmTableTest, SerializesEachTargetAsAlignedSpecAndParameters) {
   EXPECT_STREQ(first.target_type, "linear");
   EXPECT_EQ(std::string(bytes.data() + 40, 8), std::string("7:0 100\0", 8));
 
-  const dm_target_spec second = SpecAt(bytes, 48);
+  const dm_target_spec second = TargetHeaderAt(bytes, 48);
   EXPECT_EQ(second.sector_start, 100u);
   EXPECT_EQ(second.length, 20u);
   EXPECT_EQ(second.next, 56u);
   EXPECT_STREQ(second.target_type, "zero");
   EXPECT_EQ(std::string(bytes.data() + 88, 16), std::string("abcdefgh\0\0\0\0\0\0\0\0", 16));
 
-  const dm_target_spec third = SpecAt(bytes, 104);
+  const dm_target_spec third = TargetHeaderAt(bytes, 104);
   EXPECT_EQ(third.sector_start, 120u);
   EXPECT_EQ(third.next, 48u);
   EXPECT_EQ(std::string(bytes.data() + 144, 8), std::string("x\0\0\0\0\0\0\0", 8));
