@@ -72,8 +72,7 @@ void readPackageConfigs() {
 
 bool isCancelled(const MendRepairPackage& package) {
   for (const auto& [name, record] : MendSharedPrefsManager::GetInstance()->getSpList()) {
-    if (record.need_cancel && record.update_package_name == package.update_package_name &&
-        record.update_version_code == package.update_version_code) {
+    if (record.need_cancel && isRecordOf(record, package)) {
       return true;
     }
   }
@@ -109,8 +108,7 @@ void buildRepairList() {
 
     bool found = false;
     for (const auto& [name, record] : spMap) {
-      if (record.update_package_name == package.update_package_name &&
-          record.update_version_code == package.update_version_code) {
+      if (isRecordOf(record, package)) {
         package.task_id = record.task_id;
         found = true;
       }

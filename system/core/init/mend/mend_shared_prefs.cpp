@@ -18,8 +18,7 @@ std::map<std::string, MendRepairSp> spMap;
 // with the package's name and version code.
 MendRepairSp* findMatchingRecord(const MendRepairPackage& package) {
   for (auto& [name, record] : spMap) {
-    if (record.update_package_name == package.update_package_name &&
-        record.update_version_code == package.update_version_code) {
+    if (isRecordOf(record, package)) {
       return &record;
     }
   }

@@ -29,6 +29,12 @@ struct MendRepairSp {
   bool is_async_repair = false;
 };
 
+// Whether `record` is the state of `package`: same name and same version code.
+inline bool isRecordOf(const MendRepairSp& record, const MendRepairPackage& package) {
+  return record.update_package_name == package.update_package_name &&
+         record.update_version_code == package.update_version_code;
+}
+
 // Record <-> JSON object. Reading converts the 64-bit members as 32-bit
 // ints; a member of the wrong type ends the daemon through the library error.
 Json::Value spToJson(const MendRepairSp& record);
