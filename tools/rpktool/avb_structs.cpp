@@ -21,6 +21,15 @@ std::string FixedString(const uint8_t* field, size_t size) {
   return std::string(reinterpret_cast<const char*>(field), length);
 }
 
+// The partition name, salt and digest that follow a descriptor's fixed part;
+// the caller has checked that their lengths fit the descriptor.
+void SplitTail(const uint8_t* tail, uint64_t name_len, uint64_t salt_len, uint64_t digest_len,
+               std::string* name, std::vector<uint8_t>* salt, std::vector<uint8_t>* digest) {
+  name->assign(reinterpret_cast<const char*>(tail), name_len);
+  salt->assign(tail + name_len, tail + name_len + salt_len);
+  digest->assign(tail + name_len + salt_len, tail + name_len + salt_len + digest_len);
+}
+
 // True when [offset, offset + length) lies within [0, limit).
 bool RangeFits(uint64_t offset, uint64_t length, uint64_t limit) {
   return offset <= limit && length <= limit - offset;
@@ -206,10 +215,8 @@ Result<HashtreeDescriptor> ParseHashtreeDescriptor(const RawDescriptor& raw) {
   if (name_len + salt_len + digest_len > raw.body_size - kFixedBody) {
     return Error() << "hashtree descriptor's name, salt and digest exceed its length";
   }
-  const uint8_t* tail = b + kHashtreeDescriptorFixedSize;
-  d.partition_name.assign(reinterpret_cast<const char*>(tail), name_len);
-  d.salt.assign(tail + name_len, tail + name_len + salt_len);
-  d.root_digest.assign(tail + name_len + salt_len, tail + name_len + salt_len + digest_len);
+  SplitTail(b + kHashtreeDescriptorFixedSize, name_len, salt_len, digest_len, &d.partition_name,
+            &d.salt, &d.root_digest);
   return d;
 }
 
@@ -228,10 +235,8 @@ Result<HashDescriptor> ParseHashDescriptor(const RawDescriptor& raw) {
   if (name_len + salt_len + digest_len > raw.body_size - kFixedBody) {
     return Error() << "hash descriptor's name, salt and digest exceed its length";
   }
-  const uint8_t* tail = b + kHashDescriptorFixedSize;
-  d.partition_name.assign(reinterpret_cast<const char*>(tail), name_len);
-  d.salt.assign(tail + name_len, tail + name_len + salt_len);
-  d.digest.assign(tail + name_len + salt_len, tail + name_len + salt_len + digest_len);
+  SplitTail(b + kHashDescriptorFixedSize, name_len, salt_len, digest_len, &d.partition_name,
+            &d.salt, &d.digest);
   return d;
 }
 
