@@ -3,6 +3,10 @@
 
 set(ANDROID_LIB_DIR /usr/lib/x86_64-linux-gnu/android)
 set(ANDROID_INCLUDE_DIR /usr/include/android)
+# Debian's BoringSSL headers also live under /usr/include/android/openssl;
+# searching that directory after the system one keeps <openssl/...> on
+# OpenSSL's headers, which is the libcrypto these builds link.
+set(ANDROID_INCLUDE_FLAG "-idirafter${ANDROID_INCLUDE_DIR}")
 
 foreach(lib base log ziparchive)
   find_library(ANDROID_${lib}_LIBRARY NAMES ${lib} PATHS ${ANDROID_LIB_DIR} NO_DEFAULT_PATH REQUIRED)
@@ -15,17 +19,17 @@ find_package(Threads REQUIRED)
 
 # One interface target per platform library, as Android.bp names them.
 add_library(android_libbase INTERFACE)
-target_include_directories(android_libbase SYSTEM INTERFACE ${ANDROID_INCLUDE_DIR})
+target_compile_options(android_libbase INTERFACE ${ANDROID_INCLUDE_FLAG})
 target_link_libraries(android_libbase INTERFACE ${ANDROID_base_LIBRARY} fmt::fmt)
 target_link_options(android_libbase INTERFACE "-Wl,-rpath,${ANDROID_LIB_DIR}")
 
 add_library(android_liblog INTERFACE)
-target_include_directories(android_liblog SYSTEM INTERFACE ${ANDROID_INCLUDE_DIR})
+target_compile_options(android_liblog INTERFACE ${ANDROID_INCLUDE_FLAG})
 target_link_libraries(android_liblog INTERFACE ${ANDROID_log_LIBRARY})
 target_link_options(android_liblog INTERFACE "-Wl,-rpath,${ANDROID_LIB_DIR}")
 
 add_library(android_libziparchive INTERFACE)
-target_include_directories(android_libziparchive SYSTEM INTERFACE ${ANDROID_INCLUDE_DIR})
+target_compile_options(android_libziparchive INTERFACE ${ANDROID_INCLUDE_FLAG})
 target_link_libraries(android_libziparchive INTERFACE ${ANDROID_ziparchive_LIBRARY})
 target_link_options(android_libziparchive INTERFACE "-Wl,-rpath,${ANDROID_LIB_DIR}")
 

@@ -20,7 +20,7 @@ namespace {
 namespace fs = std::filesystem;
 using android::base::ERROR;
 using android::rpk::BytesToHex;
-using android::rpk::kRpkPublicKeyPath;
+using android::mend::kTrustedKeyFile;
 using android::rpk::RpkFile;
 using android::rpk::RpkVerityData;
 
@@ -44,12 +44,12 @@ class DeviceKeyTest : public ::testing::Test {
     ASSERT_NE(getenv("MEND_FRESH_SANDBOX"), nullptr)
         << "run through tests/support/in_fresh_sandbox";
     fs::create_directories(kPackageDir);
-    fs::remove_all(kRpkPublicKeyPath);
+    fs::remove_all(kTrustedKeyFile);
   }
 
   static void InstallTrustedKey(const std::string& bytes) {
-    fs::create_directories(fs::path(kRpkPublicKeyPath).parent_path());
-    WriteWholeFile(kRpkPublicKeyPath, bytes);
+    fs::create_directories(fs::path(kTrustedKeyFile).parent_path());
+    WriteWholeFile(kTrustedKeyFile, bytes);
   }
   // Copies reference package `name` into the package directory.
   static std::string InstallPackage(const std::string& name) {
@@ -152,7 +152,7 @@ TEST_F(DeviceKeyTest, MissingKeyFileFailsEveryOpen) {
 }
 
 TEST_F(DeviceKeyTest, KeyFileThatCannotBeAKeyIsTreatedAsMissing) {
-  fs::create_directories(kRpkPublicKeyPath);
+  fs::create_directories(kTrustedKeyFile);
   auto file = RpkFile::Open(InstallPackage("valid_2048"));
   ASSERT_FALSE(file.ok());
   EXPECT_EQ(file.error().message(),

@@ -11,6 +11,7 @@
 
 #include "mend_log.h"
 #include "mend_message.h"
+#include "mend_paths.h"
 #include "mend_repair.h"
 #include "mend_shared_prefs.h"
 
@@ -40,8 +41,8 @@ bool isPackageOverlaySuccess(const MendRepairPackage& package,
 bool MendRepairUtil::isMendSupported() {
   char product[PROPERTY_VALUE_MAX];
   char persist[PROPERTY_VALUE_MAX];
-  property_get("ro.product.mend.support", product, "-1");
-  property_get("persist.product.mend.support", persist, "-1");
+  property_get(android::mend::kPropSupport, product, "-1");
+  property_get(android::mend::kPropPersistSupport, persist, "-1");
   MEND_LOG("mend: %s,persist:%s", product, persist);
   return strcmp(product, "1") == 0 && strcmp(persist, "1") == 0;
 }
@@ -85,7 +86,7 @@ void MendManager::runRepair(bool async) {
   reallyStartRepair(tempRepairMap);
   if (!async) return;
 
-  if (android::base::WaitForProperty("sys.boot_completed", "1",
+  if (android::base::WaitForProperty(android::mend::kPropBootCompleted, "1",
                                      std::chrono::milliseconds::max())) {
     MendSharedPrefsManager::GetInstance()->refreshAllBootStatus(true);
   } else {

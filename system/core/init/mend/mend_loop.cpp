@@ -28,6 +28,7 @@
 #include <optional>
 
 #include "mend_mount_utils.h"
+#include "mend_paths.h"
 
 namespace android {
 namespace rpk {
@@ -272,9 +273,9 @@ Result<LoopbackRepairDeviceUniqueFd> CreateLoopDevice(const std::string& target,
   // Until cold boot is over that can take any time, so wait without limit;
   // afterwards a node that does not show up within a few tries never will.
   std::optional<LoopbackRepairDeviceUniqueFd> loop_device;
-  bool cold_boot_done = GetBoolProperty("ro.cold_boot_done", false);
+  bool cold_boot_done = GetBoolProperty(android::mend::kPropColdBootDone, false);
   for (int attempts = 0; attempts < 3;) {
-    if (!cold_boot_done) cold_boot_done = GetBoolProperty("ro.cold_boot_done", false);
+    if (!cold_boot_done) cold_boot_done = GetBoolProperty(android::mend::kPropColdBootDone, false);
     for (const std::string& path : candidates) {
       unique_fd fd(open(path.c_str(), O_RDWR | O_CLOEXEC));
       if (fd.get() != -1) {

@@ -80,8 +80,8 @@ MendRepairMessage MendMessageManager::parseMessage(std::string line) {
 }
 
 void MendMessageManager::syncMsgList() {
-  loadMessages(kAppMsgFile, "app content: %s ", &appMsgMap);
-  loadMessages(kNativeMsgFile, "native content: %s ", &nativeMsgMap);
+  loadMessages(android::mend::kAppMsgFile, "app content: %s ", &appMsgMap);
+  loadMessages(android::mend::kNativeMsgFile, "native content: %s ", &nativeMsgMap);
 }
 
 bool MendMessageManager::writeMessage(MendRepairPackage package, bool needResponse, int msgType,
@@ -104,7 +104,8 @@ bool MendMessageManager::writeMessage(MendRepairPackage package, bool needRespon
   MEND_LOG("saveNativeMsg");
   // The open-failure line says "spfile" for native.msg too; that wording is
   // what the log has always carried.
-  saveMessages(kNativeMsgFile, "Unable to open spfile : %s ", "saveNativeMsg : %s ", nativeMsgMap);
+  saveMessages(android::mend::kNativeMsgFile, "Unable to open spfile : %s ", "saveNativeMsg : %s ",
+               nativeMsgMap);
   return true;
 }
 
@@ -119,7 +120,8 @@ bool MendMessageManager::writeMsgResponse(MendRepairPackage package, std::string
   message.response_content = content;
   appMsgMap[package.update_package_name] = message;
   MEND_LOG("saveAppMsg");
-  saveMessages(kAppMsgFile, "Unable to open appFile : %s ", "saveAppMsg : %s ", appMsgMap);
+  saveMessages(android::mend::kAppMsgFile, "Unable to open appFile : %s ", "saveAppMsg : %s ",
+               appMsgMap);
   return true;
 }
 

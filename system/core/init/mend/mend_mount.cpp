@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "mend_loop.h"
+#include "mend_paths.h"
 
 namespace android {
 namespace rpk {
@@ -191,7 +192,7 @@ struct DirCloser {
   void operator()(DIR* dir) const { closedir(dir); }
 };
 
-constexpr const char kTrialDeviceName[] = "tmp";
+using android::mend::kTrialDeviceName;
 constexpr int kLoopCreateAttempts = 3;
 
 // Refuses a mount point that exists but cannot be read or holds anything.

@@ -23,6 +23,8 @@ using android::base::ErrnoError;
 using android::base::Error;
 using android::base::Result;
 using android::base::unique_fd;
+using android::mend::kImageEntryName;
+using android::mend::kTrustedKeyFile;
 
 namespace {
 
@@ -68,9 +70,9 @@ Result<ImageMember> LocateImageMember(const std::string& path) {
     return Error() << "Failed to open package " << path << ": " << ErrorCodeString(open_result);
   }
   ZipEntry entry;
-  const int32_t find_result = FindEntry(archive.get(), kRpkImageEntryName, &entry);
+  const int32_t find_result = FindEntry(archive.get(), kImageEntryName, &entry);
   if (find_result < 0) {
-    return Error() << "Could not find entry \"" << kRpkImageEntryName << "\" in package " << path
+    return Error() << "Could not find entry \"" << kImageEntryName << "\" in package " << path
                    << ": " << ErrorCodeString(find_result);
   }
   // The offset is kept as 32 signed bits: images starting at or beyond 2 GiB
@@ -80,7 +82,7 @@ Result<ImageMember> LocateImageMember(const std::string& path) {
 }
 
 Result<std::string> ReadTrustedPublicKeyHex() {
-  std::ifstream key_file(kRpkPublicKeyPath, std::ios::in | std::ios::binary);
+  std::ifstream key_file(kTrustedKeyFile, std::ios::in | std::ios::binary);
   std::streamoff size = -1;
   if (key_file.is_open()) {
     key_file.seekg(0, std::ios::end);
@@ -91,7 +93,7 @@ Result<std::string> ReadTrustedPublicKeyHex() {
   // "file" (or one whose size cannot be told, such as a directory) is no key.
   if (size < 0 || static_cast<uint64_t>(size) > kVbMetaMaxSize) {
     LOG(ERROR) << "Kelb failed to open rpk_public_key";
-    return Error() << "Failed to find rpk_public_key " << kRpkPublicKeyPath;
+    return Error() << "Failed to find rpk_public_key " << kTrustedKeyFile;
   }
   std::vector<uint8_t> key(static_cast<size_t>(size), 0);
   key_file.read(reinterpret_cast<char*>(key.data()), size);

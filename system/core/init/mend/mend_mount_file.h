@@ -10,13 +10,11 @@
 #include <optional>
 #include <string>
 
+#include "mend_paths.h"
+
 namespace android {
 namespace rpk {
 
-// Path of the device's trusted AVB public key blob.
-inline constexpr const char kRpkPublicKeyPath[] = "/system/etc/security/rpk_public_key";
-// Name of the payload member inside a package zip.
-inline constexpr const char kRpkImageEntryName[] = "update_payload.img";
 // Largest vbmeta block the verifier reads.
 inline constexpr uint64_t kVbMetaMaxSize = 64 * 1024;
 
@@ -49,7 +47,7 @@ struct RpkConfig {
 class RpkFile {
  public:
   // Locates the image member of the package zip at `path` and loads the
-  // device's trusted key from kRpkPublicKeyPath.
+  // device's trusted key (android::mend::kTrustedKeyFile).
   static android::base::Result<RpkFile> Open(const std::string& path);
   // As Open, but trusts `public_key_hex` (lowercase hex of a key blob, as
   // BytesToHex gives it; may be empty) instead of reading the device's key

@@ -10,13 +10,14 @@
 #include "mend_log.h"
 #include "mend_message.h"
 #include "mend_mount.h"
+#include "mend_paths.h"
 #include "mend_shared_prefs.h"
 
 namespace android {
 namespace init {
 namespace {
 
-constexpr const char kMountRoot[] = "/mnt/rvx/";
+using android::mend::kMountRoot;
 
 void reportStatus(const MendRepairPackage& package, STATUS_REPAIR status) {
   MendMessageManager::GetInstance()->writeMessage(package, false, 256,
@@ -39,7 +40,7 @@ bool bootFailureLimitReached(const MendRepairPackage& package) {
 bool buildMismatch(const MendRepairPackage& package) {
   MendSharedPrefsManager* prefs = MendSharedPrefsManager::GetInstance();
   char current[PROPERTY_VALUE_MAX];
-  property_get("ro.build.display.id", current, "unknown");
+  property_get(android::mend::kPropBuildDisplayId, current, "unknown");
   const std::vector<std::string> builds =
       MendRepairUtil::split(package.ro_build_display_id, ';');
   if (builds.empty()) {

@@ -7,6 +7,7 @@
 #include <map>
 
 #include "mend_log.h"
+#include "mend_paths.h"
 #include "mend_repair.h"
 
 namespace android {
@@ -27,7 +28,7 @@ std::string overlaySourceName(const std::string& path) {
 
 // The module's directory inside its mounted package.
 std::string lowerDirOf(const MendRepairModule& module) {
-  return "/mnt/rvx/" + module.parent_package.update_package_name + module.module_path;
+  return android::mend::kMountRoot + module.parent_package.update_package_name + module.module_path;
 }
 
 // Mounts one overlay over `path` with the group's package copies stacked by

@@ -8,6 +8,7 @@
 #include "mend.h"
 #include "mend_log.h"
 #include "mend_message.h"
+#include "mend_paths.h"
 #include "mend_shared_prefs.h"
 
 namespace android {
@@ -18,8 +19,8 @@ std::map<std::string, std::string> otaPkgMap;
 
 namespace {
 
-constexpr const char kPackageDir[] = "/data/rvx/imgs/";
-constexpr const char kConfigEntryName[] = "config.txt";
+using android::mend::kConfigEntryName;
+using android::mend::kPackageDir;
 
 // The config.txt text of the package zip at `path`, or "" when the file
 // cannot be read as a package.

@@ -83,7 +83,7 @@ MendSharedPrefsManager* MendSharedPrefsManager::GetInstance() {
 }
 
 void MendSharedPrefsManager::syncSpList() {
-  bool opened = forEachLine(kSharedPrefsFile, [](const std::string& line) {
+  bool opened = forEachLine(android::mend::kSharedPrefsFile, [](const std::string& line) {
     MendRepairSp record;
     Json::Value root;
     if (parseJsonLine(line, &root)) record = spFromJson(root);
@@ -141,7 +141,7 @@ void MendSharedPrefsManager::saveSpFile() {
   MEND_LOG("saveSpFile");
   // An empty map never truncates the file the application wrote.
   if (spMap.empty()) return;
-  std::ofstream out(kSharedPrefsFile, std::ios::out | std::ios::trunc);
+  std::ofstream out(android::mend::kSharedPrefsFile, std::ios::out | std::ios::trunc);
   for (const auto& [name, record] : spMap) {
     const std::string text = toCompactJson(spToJson(record));
     MEND_LOG("saveSpFile == %s", text.c_str());

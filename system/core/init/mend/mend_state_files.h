@@ -3,12 +3,10 @@
 #include <functional>
 #include <string>
 
+#include "mend_paths.h"
+
 namespace android {
 namespace init {
-
-inline constexpr const char kSharedPrefsFile[] = "/data/rvx/files/shared_prefs.cfg";
-inline constexpr const char kAppMsgFile[] = "/data/rvx/msgs/app.msg";
-inline constexpr const char kNativeMsgFile[] = "/data/rvx/msgs/native.msg";
 
 // Calls `on_line` for every line of `path` (cut at "\n"; a "\r" stays).
 // False when the file cannot be opened.
