@@ -103,6 +103,20 @@ TEST(ParseRepairConfigTest, UnconvertibleNumberRaisesTheConversionError) {
   EXPECT_THROW(parseRepairConfig("is_async_exec=2147483648\n"), std::out_of_range);
 }
 
+// The non-fatal check agrees with the conversion the daemon runs.
+TEST(ParseRepairConfigTest, NumberCheckAgreesWithTheConversion) {
+  for (const char* value : {"7", " 7x", "+5", "-2147483648", "2147483647", "12\r", "abc", " ",
+                            "2147483648", "-2147483649", "99999999999999999999", "x1"}) {
+    bool converts = true;
+    try {
+      std::stoi(value, nullptr, 10);
+    } catch (const std::exception&) {
+      converts = false;
+    }
+    EXPECT_EQ(convertsToConfigNumber(value), converts) << value;
+  }
+}
+
 }  // namespace
 }  // namespace init
 }  // namespace android

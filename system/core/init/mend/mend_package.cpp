@@ -1,5 +1,8 @@
 #include "mend_package.h"
 
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
 #include <map>
 #include <sstream>
 
@@ -28,28 +31,34 @@ bool compareModByTaskId(const MendRepairModule& a, const MendRepairModule& b) {
   return a.parent_package.task_id < b.parent_package.task_id;
 }
 
-namespace {
-
-// key=value pairs of a config text. Lines without "=" or with nothing after
-// it define nothing; a later line overrides an earlier one.
-std::map<std::string, std::string> readConfigPairs(const std::string& text) {
-  std::map<std::string, std::string> pairs;
+std::vector<ConfigLine> readConfigLines(const std::string& text) {
+  std::vector<ConfigLine> lines;
   std::istringstream stream(text);
   std::string line;
+  int number = 0;
+  // Lines without "=" or with nothing after it define nothing.
   while (std::getline(stream, line, '\n')) {
+    ++number;
     size_t eq = line.find('=');
-    if (eq == std::string::npos) continue;
-    std::string value = line.substr(eq + 1);
-    if (value.empty()) continue;
-    pairs[line.substr(0, eq)] = value;
+    if (eq == std::string::npos || eq + 1 == line.size()) continue;
+    lines.push_back(ConfigLine{line.substr(0, eq), line.substr(eq + 1), number});
   }
-  return pairs;
+  return lines;
 }
 
-}  // namespace
+bool convertsToConfigNumber(const std::string& value) {
+  // std::stoi's rules: strtol, then a range check against int.
+  const char* begin = value.c_str();
+  char* end = nullptr;
+  errno = 0;
+  const long number = strtol(begin, &end, 10);
+  return end != begin && errno != ERANGE && number >= INT_MIN && number <= INT_MAX;
+}
 
 MendRepairPackage parseRepairConfig(const std::string& text) {
-  const std::map<std::string, std::string> pairs = readConfigPairs(text);
+  // A later line of the same key overrides an earlier one.
+  std::map<std::string, std::string> pairs;
+  for (const ConfigLine& line : readConfigLines(text)) pairs[line.key] = line.value;
   auto text_of = [&pairs](const char* key, std::string* out) {
     auto it = pairs.find(key);
     if (it != pairs.end()) *out = it->second;

@@ -62,5 +62,35 @@ bool compareModByTaskId(const MendRepairModule& a, const MendRepairModule& b);
 // ends the daemon through the uncaught conversion error.
 MendRepairPackage parseRepairConfig(const std::string& text);
 
+// One line of a config text that defines something: key before the first
+// "=", the non-empty rest as value, `line` counted from 1.
+struct ConfigLine {
+  std::string key;
+  std::string value;
+  int line = 0;
+};
+// The defining lines of a config text in file order, repeated keys included
+// (parseRepairConfig keeps the last of each).
+std::vector<ConfigLine> readConfigLines(const std::string& text);
+
+// The keys parseRepairConfig applies, in the order it applies them; numbers
+// are converted as base-10 int.
+struct ConfigKey {
+  const char* name;
+  bool is_number;
+};
+inline constexpr ConfigKey kConfigKeys[] = {
+    {"update_package_name", false}, {"update_version_name", false},
+    {"update_version_code", true},  {"module_num", false},
+    {"module_name", false},         {"module_path", false},
+    {"fix_method", false},          {"ro_build_display_id", false},
+    {"trigger_rollback_count", true}, {"structure_version", true},
+    {"is_async_exec", true},
+};
+
+// Whether parseRepairConfig converts `value` of a number key without ending
+// the daemon: a leading number (after blanks and a sign) within int range.
+bool convertsToConfigNumber(const std::string& value);
+
 }  // namespace init
 }  // namespace android
