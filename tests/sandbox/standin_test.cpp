@@ -53,12 +53,21 @@ TEST_F(StandinTest, WaitForPropertyNeedsTheExactValue) {
   EXPECT_EQ(Probe({"wait", "w", "1", "200"}), "reached\n");
 }
 
-TEST_F(StandinTest, RebootEndsTheSandboxAndUnknownCommandsAreRefused) {
+TEST_F(StandinTest, RebootAsksTheServiceManagerWhenOneRunsAndTheKernelOtherwise) {
   SandboxRun run = root_.Run({STANDIN_PROBE, "reboot", "0xDEAD0001"}, std::chrono::seconds(30));
   EXPECT_TRUE(run.rebooted) << run.output;
   EXPECT_EQ(run.output, "before\n");
-
   EXPECT_EQ(Probe({"reboot", "0x1234"}), "before\nreturned -1\n");
+
+  root_.MakeDir("/run/systemd/system");
+  for (const auto& [cmd, request] : std::vector<std::pair<std::string, std::string>>{
+           {"0xDEAD0001", "reboot"}, {"0xDEAD0002", "poweroff"}, {"0x1234", "nothing"}}) {
+    run = root_.Run({"unshare", "--pid", "--fork", STANDIN_PROBE, "manager", "reboot", cmd},
+                    std::chrono::seconds(30));
+    EXPECT_EQ(run.output, std::string("before\nreturned ") + (request == "nothing" ? "-1" : "0") +
+                              "\nmanager got " + request + "\n")
+        << cmd;
+  }
 }
 
 }  // namespace

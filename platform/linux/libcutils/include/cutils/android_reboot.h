@@ -11,9 +11,11 @@ __BEGIN_DECLS
 
 #define ANDROID_RB_PROPERTY "sys.powerctl"
 
-// Linux build: syncs the file systems and asks the kernel to restart (or power
-// off) the machine. Inside a PID namespace the kernel ends the namespace
-// instead. Returns -1 when the request is unknown or refused.
+// Linux build: when a service manager runs, asks it for a clean restart (or
+// power-off) and returns, as the device's call returns before init acts on
+// it. Without one, syncs the file systems and asks the kernel directly;
+// inside a PID namespace the kernel then ends the namespace instead. Returns
+// -1 when the request is unknown or refused.
 int android_reboot(unsigned cmd, int flags, const char* arg);
 
 __END_DECLS
