@@ -8,6 +8,9 @@ set(ANDROID_INCLUDE_DIR /usr/include/android)
 # OpenSSL's headers, which is the libcrypto these builds link.
 set(ANDROID_INCLUDE_FLAG "-idirafter${ANDROID_INCLUDE_DIR}")
 
+# Installed programs keep finding Debian's Android libraries there.
+set(CMAKE_INSTALL_RPATH_USE_LINK_PATH ON)
+
 foreach(lib base log ziparchive)
   find_library(ANDROID_${lib}_LIBRARY NAMES ${lib} PATHS ${ANDROID_LIB_DIR} NO_DEFAULT_PATH REQUIRED)
 endforeach()
