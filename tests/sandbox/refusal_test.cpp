@@ -136,22 +136,5 @@ TEST_F(RefusalTest, MountErrorIsReportedWithReasonAndNotMarkedDeletable) {
   EXPECT_EQ(State(), rec.Line() + "\n");
 }
 
-TEST_F(RefusalTest, PackagesAreHandledInPathOrder) {
-  AddPackage("b.zip", Config("b", "ro_build_display_id=NONE\n"));
-  AddPackage("a.zip", Config("a", "ro_build_display_id=NONE\n"));
-  SpRecord a = RecordA();
-  SpRecord b{"b", 3, "/data/rvx/imgs/b.zip"};
-  b.task_id = 1;
-  WriteState({b.Line(), a.Line()});
-  SandboxRun run = RunMend();
-  ASSERT_TRUE(run.finished) << run.output;
-  EXPECT_TRUE(HasInOrder(LogLines(run), {"startMount : a", "startMount : b"})) << run.output;
-  EXPECT_EQ(NativeMsg(), NativeLine("a", "a.zip", 5, kFailedOverlay) + "\n" +
-                             NativeLine("b", "b.zip", 1, kFailedOverlay) + "\n");
-  a.boot_failed_count = b.boot_failed_count = 1;
-  a.need_delete = b.need_delete = true;
-  EXPECT_EQ(State(), a.Line() + "\n" + b.Line() + "\n");
-}
-
 }  // namespace
 }  // namespace mend_test

@@ -120,17 +120,6 @@ TEST_F(DaemonTest, IdenticalPackagesUnderTwoPathsAreBothRepaired) {
       << run.output;
 }
 
-TEST_F(DaemonTest, VersionCodeWithTrailingJunkReadsAsItsNumber) {
-  AddPackage("a.zip", "update_package_name=a\nupdate_version_code= 7x\nro_build_display_id=OTHER\n");
-  SpRecord rec{"a", 7, "/data/rvx/imgs/a.zip"};
-  rec.task_id = 2;
-  WriteState({rec.Line()});
-
-  SandboxRun run = RunMend();
-  ASSERT_TRUE(run.finished) << run.output;
-  EXPECT_TRUE(HasLine(LogLines(run), "mendRepairList.size() = 1 ")) << run.output;
-}
-
 TEST_F(DaemonTest, UnconvertibleConfigNumberEndsTheDaemon) {
   AddPackage("a.zip", Config("a", "update_version_code=abc\n"));
   WriteState({SpRecord{"a", 3, "/data/rvx/imgs/a.zip"}.Line()});
