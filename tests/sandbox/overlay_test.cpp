@@ -115,11 +115,6 @@ TEST_F(OverlayTest, SourceNameAlwaysDropsTheFirstCharacter) {
       << MountInfo("/system/app");
 }
 
-TEST_F(OverlayTest, NothingToOverlay) {
-  EXPECT_TRUE(repair->startOverlay({}).empty());
-  EXPECT_EQ(MountInfo("/system/app").find("overlay"), std::string::npos);
-}
-
 // The daemon never catches this: a config with an empty module path entry
 // ends it.
 TEST_F(OverlayTest, EmptyModulePathRaisesOutOfRange) {

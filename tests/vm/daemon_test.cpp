@@ -62,12 +62,12 @@ class DaemonOnDeviceTest : public ::testing::Test {
   // The image of reference package `fixture` under another config (which
   // the signature does not cover), as package `name` in <name>.zip.
   void AddRepackaged(const std::string& fixture, const std::string& name, int task_id,
-                     const std::string& extra_config, unsigned alignment = 4096) {
+                     const std::string& extra_config) {
     const std::string target = "/data/rvx/imgs/" + name + ".zip";
     const std::string image =
         ReadZipMember(AvbFixture("pkgs/" + fixture + ".zip"), "update_payload.img");
     WriteZip(device_.root().HostPath(target), {{"config.txt", PackageConfig(name, extra_config)},
-                                               {"update_payload.img", image, false, alignment}});
+                                               {"update_payload.img", image, false, 4096}});
     AddRecord(name, target, task_id);
   }
 
@@ -183,17 +183,6 @@ TEST_F(DaemonOnDeviceTest, FailedOverlayAfterAMountedRepairRestartsTheDevice) {
                 NativeLine("demo_fix1", "valid_2048.zip", 1, "{\"status\":1}") + "\n");
 }
 
-TEST_F(DaemonOnDeviceTest, ImageAtAnUnalignedOffsetInTheZipMountsToo) {
-  // As a plain `zip -0` writes it: the image data starts a few dozen bytes
-  // in, so the loop device cannot use direct I/O and reads buffered.
-  AddRepackaged("valid_2048", "demo_fix1", 3, "", 0);
-  const VmRun run = RunDaemon();
-  ASSERT_TRUE(run.finished) << run.end << "\n" << run.output;
-  EXPECT_TRUE(Contains(Section(run.output, "mounts"), " /mnt/rvx/demo_fix1 ext4 ro")) << run.output;
-  EXPECT_EQ(Read("/data/rvx/msgs/native.msg"),
-            NativeLine("demo_fix1", "demo_fix1.zip", 3, "{\"status\":1}") + "\n");
-}
-
 TEST_F(DaemonOnDeviceTest, PackageWithoutModulesOfItsOwnIsJudgedByTheOthers) {
   // data_corrupt never mounts, so it has no module; the run's only modules
   // come from the valid package and succeed, and that is all the judgement
@@ -212,27 +201,6 @@ TEST_F(DaemonOnDeviceTest, PackageWithoutModulesOfItsOwnIsJudgedByTheOthers) {
   EXPECT_EQ(Read("/data/rvx/msgs/native.msg"),
             NativeLine("demo_fix1", "valid_2048.zip", 1, "{\"status\":1}") + "\n" +
                 NativeLine("fix_data_corrupt", "data_corrupt.zip", 2, "{\"status\":1}") + "\n");
-}
-
-TEST_F(DaemonOnDeviceTest, AsyncRunRepairsItsPackageAndConfirmsTheBoot) {
-  device_.root().CopyIn(AvbFixture("keys/rsa4096.avbpubkey"), "/system/etc/security/rpk_public_key");
-  AddRepackaged("valid_sha512", "fix_valid_sha512", 4, "is_async_exec=1\n");
-  device_.root().SetProperty("sys.boot_completed", "1");
-  const VmRun run = RunDaemon({"async"});
-  ASSERT_TRUE(run.finished) << run.end << "\n" << run.output;
-  EXPECT_TRUE(Contains(Section(run.output, "mounts"), " /mnt/rvx/fix_valid_sha512 ext4 ro"))
-      << run.output;
-  EXPECT_EQ(Section(run.output, "dm"), "fix_valid_sha512\n");
-  EXPECT_TRUE(HasInOrder(DaemonLog(run.output),
-                         {"startASyncMendRepair", "execMendPackageRepir",
-                          "refreshAllBootStatus : 1 ,spMap.size() = 1"}))
-      << run.output;
-  SpRecord record{"fix_valid_sha512", 3, "/data/rvx/imgs/fix_valid_sha512.zip"};
-  record.task_id = 4;
-  record.is_repair_success = true;
-  record.is_boot_success = true;
-  record.boot_failed_count = 0;
-  EXPECT_EQ(Read("/data/rvx/files/shared_prefs.cfg"), record.Line() + "\n");
 }
 
 }  // namespace
