@@ -6,7 +6,6 @@
 #include <pthread.h>
 
 #include <chrono>
-#include <cstring>
 #include <list>
 
 #include "mend_log.h"
@@ -45,7 +44,7 @@ bool MendRepairUtil::isMendSupported() {
   property_get(android::mend::kPropSupport, product, "-1");
   property_get(android::mend::kPropPersistSupport, persist, "-1");
   MEND_LOG("mend: %s,persist:%s", product, persist);
-  return strcmp(product, "1") == 0 && strcmp(persist, "1") == 0;
+  return isSupportSwitchOn(product, persist);
 }
 
 MendManager* MendManager::GetInstance() {

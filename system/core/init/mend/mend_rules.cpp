@@ -7,6 +7,10 @@
 namespace android {
 namespace init {
 
+bool isSupportSwitchOn(const std::string& product, const std::string& persist) {
+  return product == "1" && persist == "1";
+}
+
 bool isAsyncPackage(const MendRepairPackage& package) { return package.is_async_exec == 1; }
 
 bool isCancelRequested(const std::map<std::string, MendRepairSp>& records,

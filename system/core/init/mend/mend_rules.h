@@ -17,6 +17,9 @@
 namespace android {
 namespace init {
 
+// Whether the two support properties switch the daemon on: both exactly "1".
+bool isSupportSwitchOn(const std::string& product, const std::string& persist);
+
 // Whether the asynchronous run (and only it) takes the package.
 bool isAsyncPackage(const MendRepairPackage& package);
 
