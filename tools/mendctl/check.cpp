@@ -172,7 +172,7 @@ std::optional<TreeGeometry> ParseVerityTable(const std::string& table, std::stri
   return geometry;
 }
 
-std::optional<std::string> VerifyDevice(const Snapshot& snapshot, const DeviceRoot& root,
+std::optional<BadBlock> VerifyDevice(const Snapshot& snapshot, const DeviceRoot& root,
                                         const BlockDevice& dm, std::string* error) {
   std::string data_device;
   const auto geometry = ParseVerityTable(dm.table, &data_device);
@@ -216,7 +216,7 @@ std::vector<Problem> VerifyDevices(const Snapshot& snapshot, const DeviceRoot& r
     if (!dm.IsDm() || !IsOurs(dm, names) || dm.target_type != "verity") continue;
     std::string error;
     if (auto bad = VerifyDevice(snapshot, root, dm, &error)) {
-      problems.push_back({"verity_corrupted", dm.dm_name, dm.name + ": " + *bad});
+      problems.push_back({"verity_corrupted", dm.dm_name, dm.name + ": " + bad->description});
     } else if (!error.empty()) {
       errors->push_back(dm.name + " (" + dm.dm_name + "): " + error);
     }

@@ -1,8 +1,15 @@
 #include "refusal.h"
 
+#include <android-base/unique_fd.h>
+#include <fcntl.h>
+
+#include <cerrno>
+#include <cstring>
+
 #include "mend_mount_file.h"
 #include "mend_paths.h"
 #include "mend_rules.h"
+#include "tree_check.h"
 
 namespace mendctl {
 namespace {
@@ -27,6 +34,28 @@ std::optional<Verdict> MountStepRefusal(const RuleInput& input) {
                                                   " is not in " + package.ro_build_display_id};
   }
   return std::nullopt;
+}
+
+// The trial pass reads the whole image through dm-verity; a block that
+// fails that read fails the mount. The same check in user space.
+std::string HashTreeError(const std::string& path, const android::rpk::RpkFile& file,
+                          const android::rpk::RpkVerityData& verity) {
+  const AvbHashtreeDescriptor& desc = *verity.desc;
+  if (desc.data_block_size == 0 || desc.hash_block_size == 0) return "invalid block sizes";
+  TreeGeometry geometry;
+  geometry.data_blocks = desc.image_size / desc.data_block_size;
+  geometry.data_block_size = desc.data_block_size;
+  geometry.hash_block_size = desc.hash_block_size;
+  geometry.hash_start_block = desc.tree_offset / desc.hash_block_size;
+  geometry.algorithm = verity.hash_algorithm;
+  geometry.root_digest = verity.root_digest;
+  geometry.salt = verity.salt;
+  android::base::unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (fd.get() < 0) return "cannot read " + path + ": " + strerror(errno);
+  auto bad = FindBadBlock(fd.get(), static_cast<uint64_t>(*file.GetImageOffset()),
+                          *file.GetImageSize(), geometry);
+  if (!bad.ok()) return bad.error().message();
+  return *bad && (*bad)->read_fails ? (*bad)->description : "";
 }
 
 }  // namespace
@@ -61,6 +90,8 @@ const std::string& ImageChecker::Check(const std::string& device_path) {
     error = key.error().message();
   } else if (auto verified = file->VerifyRpkVerity(*key); !verified.ok()) {
     error = verified.error().message();
+  } else {
+    error = HashTreeError(root_.At(device_path), *file, *verified);
   }
   return error;
 }

@@ -31,8 +31,9 @@ struct Verdict {
   std::string reason;
 };
 
-// Verifies package images against the trusted key offline, with the
-// daemon's own code; each file once.
+// Verifies package images offline as a run would: the signature against the
+// trusted key with the daemon's own code, then every block against the hash
+// tree (the daemon's trial pass reads them all); each file once.
 class ImageChecker {
  public:
   explicit ImageChecker(const DeviceRoot& root) : root_(root) {}

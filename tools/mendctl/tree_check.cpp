@@ -9,9 +9,9 @@
 
 namespace mendctl {
 
-android::base::Result<std::optional<std::string>> FindBadBlock(int fd, uint64_t offset,
-                                                               uint64_t length,
-                                                               const TreeGeometry& geometry) {
+android::base::Result<std::optional<BadBlock>> FindBadBlock(int fd, uint64_t offset,
+                                                            uint64_t length,
+                                                            const TreeGeometry& geometry) {
   rpktool::VerityParams params;
   params.image_size = geometry.data_blocks * geometry.data_block_size;
   params.tree_offset = geometry.hash_start_block * geometry.hash_block_size;
@@ -36,8 +36,10 @@ android::base::Result<std::optional<std::string>> FindBadBlock(int fd, uint64_t 
                                        std::max(1u, std::thread::hardware_concurrency()),
                                        &progress);
   if (!result.ok()) return result.error();
-  if (!result->bad_block) return std::optional<std::string>();
-  return std::optional<std::string>(rpktool::DescribeBadBlock(*result->bad_block));
+  if (!result->bad_block) return std::optional<BadBlock>();
+  const rpktool::BadBlock& bad = *result->bad_block;
+  return std::optional<BadBlock>(
+      BadBlock{rpktool::DescribeBadBlock(bad), !(bad.is_data && bad.zero_at_signing)});
 }
 
 }  // namespace mendctl

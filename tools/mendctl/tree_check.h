@@ -23,11 +23,19 @@ struct TreeGeometry {
   std::string salt;         // hex, "-" for none
 };
 
-// The first block of `length` bytes at `offset` of `fd` that does not match
-// the tree, described in one sentence, or nullopt when every block matches.
-// Fails when the geometry does not fit the region or the region cannot be read.
-android::base::Result<std::optional<std::string>> FindBadBlock(int fd, uint64_t offset,
-                                                               uint64_t length,
-                                                               const TreeGeometry& geometry);
+struct BadBlock {
+  std::string description;  // one sentence: which block, and what a read of it does
+  // Whether a dm-verity read (with ignore_zero_blocks) fails on it; a block
+  // that was all zeros at signing reads as zeros unchecked.
+  bool read_fails = true;
+};
+
+// The first block of the `length` bytes at `offset` of `fd` (data area and
+// hash tree, laid out as `geometry` says) that does not match the tree, or
+// nullopt when every block matches. Fails when the geometry does not fit the
+// region or the region cannot be read.
+android::base::Result<std::optional<BadBlock>> FindBadBlock(int fd, uint64_t offset,
+                                                            uint64_t length,
+                                                            const TreeGeometry& geometry);
 
 }  // namespace mendctl
