@@ -48,16 +48,7 @@ std::string Config(const std::string& name, const std::string& body) {
 class MendctlOnDeviceTest : public ::testing::Test {
  protected:
   MendctlOnDeviceTest() {
-    SandboxRoot& root = device_.root();
-    for (const char* dir : {"/data/rvx/imgs", "/data/rvx/files", "/data/rvx/msgs", "/mnt/rvx"}) {
-      root.MakeDir(dir);
-    }
-    root.WriteFile("/system/lib64/libstock.txt", "stock\n");
-    root.WriteFile("/system/app/Demo/Demo.txt", "stock demo\n");
-    root.CopyIn(AvbFixture("keys/rsa2048.avbpubkey"), "/system/etc/security/rpk_public_key");
-    root.SetProperty("ro.product.mend.support", "1");
-    root.SetProperty("persist.product.mend.support", "1");
-    root.SetProperty("ro.build.display.id", "BUILD.A.002");
+    LayOutRepairDevice(&device_);
     for (const char* binary : {MEND_BINARY, MENDCTL_BINARY, "/usr/sbin/dmsetup"}) {
       device_.AddBinary(binary);
     }
