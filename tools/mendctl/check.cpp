@@ -111,8 +111,10 @@ void MountProblems(const Snapshot& snapshot, const StatusReport& status,
   for (const PackageStatus& package : status.packages) {
     if (!package.name) continue;
     const std::string& name = *package.name;
-    if (package.mounted && !package.in_force && package.refusal) {
-      out->push_back({"overlay_missing", name, package.refusal->reason});
+    if (package.mounted && !package.not_overlaid.empty()) {
+      out->push_back({"overlay_missing", name,
+                      "mounted, but no lower layer of an overlay on " +
+                          android::base::Join(package.not_overlaid, ", ")});
     }
     if (package.verity == "corrupted") {
       out->push_back({"verity_corrupted", name,

@@ -84,8 +84,8 @@ std::optional<Verdict> WhyNotInForce(const Snapshot& snapshot, const PackageStat
   if (status.record != nullptr) input.boot_failed_count = status.record->boot_failed_count;
   if (auto refused = FirstRefusal(input, images)) return refused;
   if (status.mounted) {
-    return Verdict{Refusal::kNotMounted, "mounted, but not overlaid on " +
-                                             android::base::Join(NotOverlaid(*file, status), ", ")};
+    return Verdict{Refusal::kNotMounted,
+                   "mounted, but not overlaid on " + android::base::Join(status.not_overlaid, ", ")};
   }
   if (!reported_reason.empty()) return Verdict{Refusal::kNotMounted, reported_reason};
   return Verdict{Refusal::kNotMounted, "not mounted; the daemon's log (tag mend_log) tells why"};
@@ -121,8 +121,9 @@ PackageStatus JudgeOne(const Snapshot& snapshot, const std::optional<std::string
   status.repair_status = ReportedStatus(snapshot, *name, &reported_reason);
   FillKernelState(snapshot, &status);
   status.overlaid = OverlaidDirs(snapshot, *name);
+  if (file != nullptr && file->package) status.not_overlaid = NotOverlaid(*file, status);
   status.in_force = status.mounted && file != nullptr && file->package &&
-                    NotOverlaid(*file, status).empty();
+                    status.not_overlaid.empty();
   status.refusal = WhyNotInForce(snapshot, status, file, reported_reason, images);
   return status;
 }

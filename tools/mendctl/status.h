@@ -30,6 +30,7 @@ struct PackageStatus {
   std::optional<std::string> loop_device;
   std::optional<std::string> verity;  // "ok" or "corrupted"
   std::vector<std::string> overlaid;
+  std::vector<std::string> not_overlaid;  // directories it repairs where it is no lower layer
 };
 
 struct OverlayStack {

@@ -160,7 +160,7 @@ TEST(MendctlTest, StacksFollowTaskIdsAndShadowedFilesAreFound) {
 
 TEST(MendctlTest, TheKernelsMountsAndDevicesDecideWhatIsInForce) {
   DeviceTree d;
-  d.AddPackage("a.zip", mend_test::PackageConfig("a", "module_path=/system/app\n"));
+  d.AddPackage("a.zip", mend_test::PackageConfig("a"));  // repairs /system/lib64 too
   d.AddRecord({"a", 3, "/data/rvx/imgs/a.zip"});
   d.Write("data/rvx/msgs/native.msg",
         "{\"update_package_name\":\"a\",\"response_content\":\"{\\\"status\\\":-8}\"}\n");
@@ -180,7 +180,8 @@ TEST(MendctlTest, TheKernelsMountsAndDevicesDecideWhatIsInForce) {
   ImageChecker images(d.root_);
   const StatusReport status = JudgeStatus(snapshot, images);
   const PackageStatus& a = status.packages.at(0);
-  EXPECT_TRUE(a.in_force);
+  EXPECT_FALSE(a.in_force);
+  EXPECT_EQ(a.refusal->reason, "mounted, but not overlaid on /system/lib64");
   EXPECT_EQ(a.dm_device, "dm-0");
   EXPECT_EQ(a.loop_device, "loop0");
   EXPECT_EQ(a.overlaid, std::vector<std::string>{"/system/app"});
@@ -190,7 +191,8 @@ TEST(MendctlTest, TheKernelsMountsAndDevicesDecideWhatIsInForce) {
   }
   EXPECT_EQ(problems, (std::multiset<std::string>{
                           "overlay_foreign /system/app", "mount_without_package gh ost",
-                          "reported_failed_but_mounted a", "leaked_device loop1"}));
+                          "reported_failed_but_mounted a", "leaked_device loop1",
+                          "overlay_missing a"}));
 }
 
 TEST(ReportTextTest, NamesAreEscapedAndLinesStayWithinTheWidth) {

@@ -83,6 +83,11 @@ std::string Section(const std::string& output, const std::string& name) {
   return output.substr(a, output.find("== exit", a) - a);
 }
 
+int ExitOf(const std::string& output, const std::string& name) {
+  const size_t at = output.find("== exit ", output.find("== " + name + "\n"));
+  return at == std::string::npos ? -1 : std::atoi(output.c_str() + at + 8);
+}
+
 Json::Value Parse(const std::string& output, const std::string& name) {
   Json::Value root;
   EXPECT_TRUE(Json::Reader().parse(Section(output, name), root)) << name << "\n" << output;
@@ -155,6 +160,8 @@ TEST_F(MendctlOnDeviceTest, ExplainsARealRunAndFindsCorruption) {
 
   // The final judgement reported the refused packages as repaired.
   const Json::Value check = Parse(run.output, "check");
+  EXPECT_EQ(ExitOf(run.output, "status"), 0);
+  EXPECT_EQ(ExitOf(run.output, "check"), 1);
   std::multimap<std::string, std::string> problems;
   for (const Json::Value& problem : check["problems"]) {
     problems.emplace(problem["kind"].asString(), problem["name"].asString());
@@ -187,8 +194,7 @@ TEST_F(MendctlOnDeviceTest, ExplainsARealRunAndFindsCorruption) {
   const std::string verified = Json::FastWriter().write(verify);
   EXPECT_TRUE(Contains(verified, "\"kind\":\"leaked_device\"")) << verify;
   EXPECT_TRUE(Contains(verified, "data block 13")) << verify;
-  EXPECT_TRUE(Contains(Section(run.output, "verify"), "== exit") ||
-              Contains(run.output, "== exit 1"));
+  EXPECT_EQ(ExitOf(run.output, "verify"), 1);
 
   // The kernel saw it too once the block was read without restarting.
   const Json::Value after = Parse(run.output, "after")["packages"][0];
