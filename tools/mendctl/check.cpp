@@ -86,16 +86,16 @@ void MountProblems(const Snapshot& snapshot, const StatusReport& status,
     if (StartsWith(mount.mount_point, mend::kMountRoot)) {
       const std::string name = mount.mount_point.substr(sizeof(mend::kMountRoot) - 1);
       if (!HasPackageNamed(snapshot, name, nullptr)) {
-        out->push_back({"mount_without_package", name, mount.mount_point + " (" + mount.source +
-                                                           ") has no package of that name"});
+        out->push_back({"mount_without_package", name,
+                        mount.mount_point + " (" + mount.source + ") has no package of that name"});
       }
     }
     if (mount.fs_type != "overlay") continue;
     const std::vector<std::string> lower = mount.LowerDirs();
-    const bool involves_us =
-        repaired_dirs.count(mount.mount_point) > 0 ||
-        std::any_of(lower.begin(), lower.end(),
-                    [](const std::string& dir) { return StartsWith(dir, mend::kMountRoot); });
+    const bool involves_us = repaired_dirs.count(mount.mount_point) > 0 ||
+                             std::any_of(lower.begin(), lower.end(), [](const std::string& dir) {
+                               return StartsWith(dir, mend::kMountRoot);
+                             });
     if (!involves_us) continue;
     for (size_t i = 0; i < lower.size(); ++i) {
       const bool own_dir = i + 1 == lower.size() && lower[i] == mount.mount_point;
@@ -103,8 +103,9 @@ void MountProblems(const Snapshot& snapshot, const StatusReport& status,
                                 android::base::EndsWith(lower[i], mount.mount_point);
       if (!own_dir && !package_copy) {
         out->push_back({"overlay_foreign", mount.mount_point,
-                        "lower layer " + lower[i] + " is neither a package's copy nor the "
-                                                     "directory itself"});
+                        "lower layer " + lower[i] +
+                            " is neither a package's copy nor the "
+                            "directory itself"});
       }
     }
   }
@@ -128,8 +129,7 @@ void MountProblems(const Snapshot& snapshot, const StatusReport& status,
     if (package.repair_status == 1 && !package.in_force) {
       out->push_back({"reported_repaired_not_in_force", name,
                       std::string("native.msg reports 1 but the package is not in force: ") +
-                          (package.refusal ? RefusalName(package.refusal->refusal)
-                                           : "unknown")});
+                          (package.refusal ? RefusalName(package.refusal->refusal) : "unknown")});
     }
   }
 }
@@ -175,7 +175,7 @@ std::optional<TreeGeometry> ParseVerityTable(const std::string& table, std::stri
 }
 
 std::optional<BadBlock> VerifyDevice(const Snapshot& snapshot, const DeviceRoot& root,
-                                        const BlockDevice& dm, std::string* error) {
+                                     const BlockDevice& dm, std::string* error) {
   std::string data_device;
   const auto geometry = ParseVerityTable(dm.table, &data_device);
   const BlockDevice* loop = geometry ? FindDevice(snapshot.devices, data_device) : nullptr;

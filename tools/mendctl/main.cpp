@@ -127,8 +127,8 @@ int Run(int argc, char** argv) {
     fputs(kUsage, stdout);
     return kOk;
   }
-  const char* help = verb == "status" ? kStatusHelp
-                     : verb == "plan" ? kPlanHelp
+  const char* help = verb == "status"  ? kStatusHelp
+                     : verb == "plan"  ? kPlanHelp
                      : verb == "check" ? kCheckHelp
                                        : nullptr;
   if (help == nullptr) return Usage(kUsage, "unknown verb '" + Printable(verb) + "'");

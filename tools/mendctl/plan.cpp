@@ -26,11 +26,11 @@ bool TakenByRun(const Snapshot& snapshot, const PackageFile& file, bool async) {
 // its packages on their record before it mounts anything.
 int32_t PredictedBootFailures(const Snapshot& snapshot, const MendRepairPackage& package,
                               int taken) {
-  const android::init::MendRepairSp* record =
-      RecordByName(snapshot, package.update_package_name);
+  const android::init::MendRepairSp* record = RecordByName(snapshot, package.update_package_name);
   if (record == nullptr) return 0;
   android::init::MendRepairSp counted = *record;
-  for (int i = 0; i < taken; ++i) counted.boot_failed_count = android::init::countedBootFailures(counted);
+  for (int i = 0; i < taken; ++i)
+    counted.boot_failed_count = android::init::countedBootFailures(counted);
   return counted.boot_failed_count;
 }
 
@@ -66,15 +66,18 @@ PlannedRun PlanRun(const Snapshot& snapshot, const DeviceRoot& root, ImageChecke
     RuleInput input{snapshot, file, async};
     if (file.package) {
       planned.name = file.package->update_package_name;
-      input.boot_failed_count = PredictedBootFailures(snapshot, *file.package, taken[*planned.name]);
+      input.boot_failed_count =
+          PredictedBootFailures(snapshot, *file.package, taken[*planned.name]);
     }
     planned.refusal = FirstRefusal(input, images);
     if (!planned.refusal && !snapshot.fatal.empty()) {
       const FatalInput& fatal = snapshot.fatal.front();
-      planned.refusal = Verdict{Refusal::kNotMounted, "the run ends before it mounts anything: " +
-                                                          fatal.where + ": " + fatal.what};
+      planned.refusal =
+          Verdict{Refusal::kNotMounted,
+                  "the run ends before it mounts anything: " + fatal.where + ": " + fatal.what};
     }
-    if (!planned.refusal) planned.refusal = MountPointRefusal(snapshot, root, *planned.name, mounted);
+    if (!planned.refusal)
+      planned.refusal = MountPointRefusal(snapshot, root, *planned.name, mounted);
     if (!planned.refusal) {
       mounted.insert(*planned.name);
       MendRepairPackage package = *file.package;
@@ -156,7 +159,8 @@ Plan MakePlan(const Snapshot& snapshot, const DeviceRoot& root, ImageChecker& im
   Plan plan;
   for (bool async : {false, true}) plan.runs.push_back(PlanRun(snapshot, root, images, async));
   for (const PlannedRun& run : plan.runs) {
-    for (const OverlayStack& stack : run.stacks) AddShadowed(snapshot, root, run, stack, &plan.shadowed);
+    for (const OverlayStack& stack : run.stacks)
+      AddShadowed(snapshot, root, run, stack, &plan.shadowed);
   }
   return plan;
 }

@@ -29,9 +29,9 @@ struct PlannedRun {
 
 // A file of a mounted package layer that hides the same file below it.
 struct ShadowedFile {
-  std::string path;  // the file as seen in the repaired directory
-  std::string name;  // the package whose layer shows it
-  std::string file;  // that package's file
+  std::string path;   // the file as seen in the repaired directory
+  std::string name;   // the package whose layer shows it
+  std::string file;   // that package's file
   std::string hides;  // the package below, or the directory itself
 };
 

@@ -23,10 +23,10 @@ std::optional<Verdict> MountStepRefusal(const RuleInput& input) {
     case MountRefusal::kNone:
       return std::nullopt;
     case MountRefusal::kBootFailedLimit:
-      return Verdict{Refusal::kBootFailedLimit,
-                     std::to_string(input.boot_failed_count) + " failed boots exceed " +
-                         "trigger_rollback_count " +
-                         std::to_string(package.trigger_rollback_count)};
+      return Verdict{Refusal::kBootFailedLimit, std::to_string(input.boot_failed_count) +
+                                                    " failed boots exceed " +
+                                                    "trigger_rollback_count " +
+                                                    std::to_string(package.trigger_rollback_count)};
     case MountRefusal::kBuildListEmpty:
       return Verdict{Refusal::kBuildListEmpty, "ro_build_display_id lists no build"};
     case MountRefusal::kBuildMismatch:
@@ -62,16 +62,26 @@ std::string HashTreeError(const std::string& path, const android::rpk::RpkFile& 
 
 const char* RefusalName(Refusal refusal) {
   switch (refusal) {
-    case Refusal::kNotSelectedInThisMode: return "not_selected_in_this_mode";
-    case Refusal::kNoConfig: return "no_config";
-    case Refusal::kNoStateRecord: return "no_state_record";
-    case Refusal::kVersionMismatch: return "version_mismatch";
-    case Refusal::kCancelRequested: return "cancel_requested";
-    case Refusal::kBootFailedLimit: return "boot_failed_limit";
-    case Refusal::kBuildMismatch: return "build_mismatch";
-    case Refusal::kBuildListEmpty: return "build_list_empty";
-    case Refusal::kImageInvalid: return "image_invalid";
-    case Refusal::kNotMounted: return "not_mounted";
+    case Refusal::kNotSelectedInThisMode:
+      return "not_selected_in_this_mode";
+    case Refusal::kNoConfig:
+      return "no_config";
+    case Refusal::kNoStateRecord:
+      return "no_state_record";
+    case Refusal::kVersionMismatch:
+      return "version_mismatch";
+    case Refusal::kCancelRequested:
+      return "cancel_requested";
+    case Refusal::kBootFailedLimit:
+      return "boot_failed_limit";
+    case Refusal::kBuildMismatch:
+      return "build_mismatch";
+    case Refusal::kBuildListEmpty:
+      return "build_list_empty";
+    case Refusal::kImageInvalid:
+      return "image_invalid";
+    case Refusal::kNotMounted:
+      return "not_mounted";
   }
   return "";
 }
@@ -96,8 +106,7 @@ const std::string& ImageChecker::Check(const std::string& device_path) {
   return error;
 }
 
-const android::init::MendRepairSp* RecordByName(const Snapshot& snapshot,
-                                                const std::string& name) {
+const android::init::MendRepairSp* RecordByName(const Snapshot& snapshot, const std::string& name) {
   auto it = snapshot.records.find(name);
   return it == snapshot.records.end() ? nullptr : &it->second;
 }
@@ -116,10 +125,10 @@ std::optional<Verdict> ScanRefusal(const Snapshot& snapshot, const PackageFile& 
   }
   if (!android::init::recordTaskId(snapshot.records, package)) {
     if (const auto* record = RecordByName(snapshot, package.update_package_name)) {
-      return Verdict{Refusal::kVersionMismatch,
-                     "the state record is for version " +
-                         std::to_string(record->update_version_code) + ", the package is " +
-                         std::to_string(package.update_version_code)};
+      return Verdict{Refusal::kVersionMismatch, "the state record is for version " +
+                                                    std::to_string(record->update_version_code) +
+                                                    ", the package is " +
+                                                    std::to_string(package.update_version_code)};
     }
     return Verdict{Refusal::kNoStateRecord, "shared_prefs.cfg has no record of this name"};
   }

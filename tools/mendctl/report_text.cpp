@@ -109,8 +109,9 @@ std::string StatusText(const StatusReport& report) {
                     package.mode.value_or("-"), Report(package), package.in_force ? "yes" : "no",
                     WhyNot(package.refusal)});
   }
-  std::string out = RenderTable({"PACKAGE", "VERSION", "MODE", "LAST REPORT", "IN FORCE", "WHY NOT"},
-                                rows, {24, 10, 5, 30, 8, 0});
+  std::string out =
+      RenderTable({"PACKAGE", "VERSION", "MODE", "LAST REPORT", "IN FORCE", "WHY NOT"}, rows,
+                  {24, 10, 5, 30, 8, 0});
   if (report.packages.empty()) out += "(no packages)\n";
   std::vector<std::vector<std::string>> overlays;
   for (const OverlayStack& stack : report.overlays) {
@@ -165,9 +166,9 @@ std::string PlanText(const Plan& plan) {
       rows.push_back({"  " + Optional(package.name), Printable(package.file),
                       package.refusal ? "no" : "yes", WhyNot(package.refusal)});
     }
-    out += rows.empty() ? "  (no packages)\n"
-                        : RenderTable({"  PACKAGE", "FILE", "SELECTED", "WHY NOT"}, rows,
-                                      {26, 34, 8, 0});
+    out += rows.empty()
+               ? "  (no packages)\n"
+               : RenderTable({"  PACKAGE", "FILE", "SELECTED", "WHY NOT"}, rows, {26, 34, 8, 0});
     for (const OverlayStack& stack : run.stacks) {
       out += Fit("  overlay " + Printable(stack.path) + ": " + StackText(stack), kTextWidth) + "\n";
     }

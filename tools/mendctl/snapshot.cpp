@@ -83,10 +83,10 @@ PackageFile ReadPackageFile(const std::string& device_path, const std::string& f
     auto it = last.find(key.name);
     if (!key.is_number || it == last.end()) continue;
     if (!android::init::convertsToConfigNumber(it->second.value)) {
-      file.config_problem = std::string(key.name) + "=" + it->second.value +
-                            " is not a number the daemon can read";
-      fatal->push_back({device_path + " config.txt:" + std::to_string(it->second.line),
-                        file.config_problem});
+      file.config_problem =
+          std::string(key.name) + "=" + it->second.value + " is not a number the daemon can read";
+      fatal->push_back(
+          {device_path + " config.txt:" + std::to_string(it->second.line), file.config_problem});
       return file;
     }
   }
@@ -104,14 +104,13 @@ Snapshot ReadSnapshot(const DeviceRoot& root) {
   Snapshot snapshot;
   std::error_code error;
   std::vector<std::string> names;
-  for (const auto& entry :
-       std::filesystem::directory_iterator(root.At(mend::kPackageDir), error)) {
+  for (const auto& entry : std::filesystem::directory_iterator(root.At(mend::kPackageDir), error)) {
     names.push_back(entry.path().filename().string());
   }
   snapshot.package_dir_read = !error;
   if (error) {
-    snapshot.fatal.push_back({mend::kPackageDir, "the package directory cannot be read: " +
-                                                     error.message()});
+    snapshot.fatal.push_back(
+        {mend::kPackageDir, "the package directory cannot be read: " + error.message()});
   }
   std::sort(names.begin(), names.end());
   for (const std::string& name : names) {
@@ -119,15 +118,14 @@ Snapshot ReadSnapshot(const DeviceRoot& root) {
     snapshot.packages.push_back(ReadPackageFile(path, root.At(path), &snapshot.fatal));
   }
 
-  snapshot.records_read = LoadLines(
-      mend::kSharedPrefsFile, root, android::init::spJsonProblem, android::init::spFromJson,
-      &snapshot.records, &snapshot.fatal);
-  snapshot.app_messages_read = LoadLines(
-      mend::kAppMsgFile, root, android::init::messageJsonProblem,
-      android::init::messageFromJson, &snapshot.app_messages, &snapshot.fatal);
-  snapshot.native_messages_read = LoadLines(
-      mend::kNativeMsgFile, root, android::init::messageJsonProblem,
-      android::init::messageFromJson, &snapshot.native_messages, &snapshot.fatal);
+  snapshot.records_read = LoadLines(mend::kSharedPrefsFile, root, android::init::spJsonProblem,
+                                    android::init::spFromJson, &snapshot.records, &snapshot.fatal);
+  snapshot.app_messages_read =
+      LoadLines(mend::kAppMsgFile, root, android::init::messageJsonProblem,
+                android::init::messageFromJson, &snapshot.app_messages, &snapshot.fatal);
+  snapshot.native_messages_read =
+      LoadLines(mend::kNativeMsgFile, root, android::init::messageJsonProblem,
+                android::init::messageFromJson, &snapshot.native_messages, &snapshot.fatal);
 
   snapshot.build_id = Property(mend::kPropBuildDisplayId, "unknown");
   snapshot.support = Property(mend::kPropSupport, "-1");

@@ -28,7 +28,7 @@ struct FatalInput {
 struct PackageFile {
   std::string path;  // on the device, under the package directory
   std::optional<android::init::MendRepairPackage> package;  // its usable config
-  std::string config_problem;                                // why it has none
+  std::string config_problem;                               // why it has none
 };
 
 struct Snapshot {

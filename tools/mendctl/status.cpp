@@ -21,8 +21,8 @@ std::optional<int> ReportedStatus(const Snapshot& snapshot, const std::string& n
   auto it = snapshot.native_messages.find(name);
   if (it == snapshot.native_messages.end()) return std::nullopt;
   Json::Value content;
-  if (!android::init::parseJsonLine(it->second.response_content, &content) ||
-      !content.isObject() || !content["status"].isInt()) {
+  if (!android::init::parseJsonLine(it->second.response_content, &content) || !content.isObject() ||
+      !content["status"].isInt()) {
     return std::nullopt;
   }
   if (content["reason"].isString()) *reason = content["reason"].asString();
@@ -84,8 +84,8 @@ std::optional<Verdict> WhyNotInForce(const Snapshot& snapshot, const PackageStat
   if (status.record != nullptr) input.boot_failed_count = status.record->boot_failed_count;
   if (auto refused = FirstRefusal(input, images)) return refused;
   if (status.mounted) {
-    return Verdict{Refusal::kNotMounted,
-                   "mounted, but not overlaid on " + android::base::Join(status.not_overlaid, ", ")};
+    return Verdict{Refusal::kNotMounted, "mounted, but not overlaid on " +
+                                             android::base::Join(status.not_overlaid, ", ")};
   }
   if (!reported_reason.empty()) return Verdict{Refusal::kNotMounted, reported_reason};
   return Verdict{Refusal::kNotMounted, "not mounted; the daemon's log (tag mend_log) tells why"};
@@ -122,8 +122,8 @@ PackageStatus JudgeOne(const Snapshot& snapshot, const std::optional<std::string
   FillKernelState(snapshot, &status);
   status.overlaid = OverlaidDirs(snapshot, *name);
   if (file != nullptr && file->package) status.not_overlaid = NotOverlaid(*file, status);
-  status.in_force = status.mounted && file != nullptr && file->package &&
-                    status.not_overlaid.empty();
+  status.in_force =
+      status.mounted && file != nullptr && file->package && status.not_overlaid.empty();
   status.refusal = WhyNotInForce(snapshot, status, file, reported_reason, images);
   return status;
 }
@@ -132,12 +132,18 @@ PackageStatus JudgeOne(const Snapshot& snapshot, const std::optional<std::string
 
 const char* StatusName(int status) {
   switch (status) {
-    case android::init::REPAIR_START_SUCCESS: return "REPAIR_START_SUCCESS";
-    case android::init::REPAIR_BOOT_FAILED_LIMIT: return "REPAIR_BOOT_FAILED_LIMIT";
-    case android::init::REPAIR_OS_VERSION_MISMATCH: return "REPAIR_OS_VERSION_MISMATCH";
-    case android::init::REPAIR_MOUNT_FAILED: return "REPAIR_MOUNT_FAILED";
-    case android::init::REPAIR_OVERLAY_FAILED: return "REPAIR_OVERLAY_FAILED";
-    case android::init::REPAIR_BUILD_LIST_EMPTY: return "REPAIR_BUILD_LIST_EMPTY";
+    case android::init::REPAIR_START_SUCCESS:
+      return "REPAIR_START_SUCCESS";
+    case android::init::REPAIR_BOOT_FAILED_LIMIT:
+      return "REPAIR_BOOT_FAILED_LIMIT";
+    case android::init::REPAIR_OS_VERSION_MISMATCH:
+      return "REPAIR_OS_VERSION_MISMATCH";
+    case android::init::REPAIR_MOUNT_FAILED:
+      return "REPAIR_MOUNT_FAILED";
+    case android::init::REPAIR_OVERLAY_FAILED:
+      return "REPAIR_OVERLAY_FAILED";
+    case android::init::REPAIR_BUILD_LIST_EMPTY:
+      return "REPAIR_BUILD_LIST_EMPTY";
   }
   return nullptr;
 }
@@ -172,7 +178,8 @@ StatusReport JudgeStatus(const Snapshot& snapshot, ImageChecker& images) {
     if (!named.count(name)) report.packages.push_back(JudgeOne(snapshot, name, nullptr, images));
   }
   for (const Mount& mount : snapshot.mounts) {
-    if (mount.fs_type == "overlay") report.overlays.push_back({mount.mount_point, mount.LowerDirs()});
+    if (mount.fs_type == "overlay")
+      report.overlays.push_back({mount.mount_point, mount.LowerDirs()});
   }
   return report;
 }

@@ -25,16 +25,15 @@ android::base::Result<std::optional<BadBlock>> FindBadBlock(int fd, uint64_t off
   params.root_digest = *digest;
   params.salt = *salt;
   // The table does not state the tree's size; the geometry does.
-  auto layout = rpktool::ComputeTreeLayout(params.image_size, params.data_block_size,
-                                           params.hash_block_size,
-                                           static_cast<uint32_t>(params.root_digest.size()));
+  auto layout =
+      rpktool::ComputeTreeLayout(params.image_size, params.data_block_size, params.hash_block_size,
+                                 static_cast<uint32_t>(params.root_digest.size()));
   if (!layout.ok()) return layout.error();
   params.tree_size = layout->tree_size;
 
   rpktool::Progress progress("verifying", params.image_size);
-  auto result = rpktool::CheckHashTree(fd, offset, length, params,
-                                       std::max(1u, std::thread::hardware_concurrency()),
-                                       &progress);
+  auto result = rpktool::CheckHashTree(
+      fd, offset, length, params, std::max(1u, std::thread::hardware_concurrency()), &progress);
   if (!result.ok()) return result.error();
   if (!result->bad_block) return std::optional<BadBlock>();
   const rpktool::BadBlock& bad = *result->bad_block;

@@ -70,7 +70,7 @@ TEST(MendctlCliTest, BrokenFilesAreNamedAndNothingIsWritten) {
   const struct {
     std::vector<std::string> args;
     int exit_code;
-  } kRuns[] = {{{"status"}, 0},          {{"status", "--json"}, 0}, {{"plan", "--json"}, 0},
+  } kRuns[] = {{{"status"}, 0},          {{"status", "--json"}, 0},    {{"plan", "--json"}, 0},
                {{"check", "--json"}, 1}, {{"status", "demo_fix1"}, 0}, {{"status", "nope"}, 2}};
   for (const auto& c : kRuns) {
     std::vector<std::string> argv = {MENDCTL_BINARY};

@@ -24,8 +24,9 @@ using mend_test::SpRecord;
 // A device tree in a temporary directory, with the reference key.
 struct DeviceTree {
   DeviceTree() {
-    mend_test::WriteTreeFile(dir_ / "system/etc/security/rpk_public_key",
-                             mend_test::ReadWholeFile(mend_test::AvbFixture("keys/rsa2048.avbpubkey")));
+    mend_test::WriteTreeFile(
+        dir_ / "system/etc/security/rpk_public_key",
+        mend_test::ReadWholeFile(mend_test::AvbFixture("keys/rsa2048.avbpubkey")));
   }
 
   void AddPackage(const std::string& file, const std::string& config,
@@ -71,9 +72,8 @@ TEST(MendctlTest, StatusAndPlanApplyTheDaemonsRulesInItsOrder) {
       {"passes", "", nullptr, "valid_2048", "not_mounted", "", "not_selected_in_this_mode"},
       {"async", "is_async_exec=1\n", nullptr, "valid_2048", "not_mounted",
        "not_selected_in_this_mode", ""},
-      {"limit reached once the run counts", "",
-       [](SpRecord* r) { r->boot_failed_count = 3; }, "valid_2048", "not_mounted",
-       "boot_failed_limit", "not_selected_in_this_mode"},
+      {"limit reached once the run counts", "", [](SpRecord* r) { r->boot_failed_count = 3; },
+       "valid_2048", "not_mounted", "boot_failed_limit", "not_selected_in_this_mode"},
       {"a confirmed boot is not counted", "",
        [](SpRecord* r) { r->boot_failed_count = 3, r->is_boot_success = true; }, "valid_2048",
        "not_mounted", "", "not_selected_in_this_mode"},
@@ -89,8 +89,8 @@ TEST(MendctlTest, StatusAndPlanApplyTheDaemonsRulesInItsOrder) {
        "not_selected_in_this_mode"},
       {"corrupt data", "", nullptr, "data_corrupt", "image_invalid", "image_invalid",
        "not_selected_in_this_mode"},
-      {"bad number", "update_version_code=abc\n", nullptr, "valid_2048", "no_config",
-       "no_config", "no_config"},
+      {"bad number", "update_version_code=abc\n", nullptr, "valid_2048", "no_config", "no_config",
+       "no_config"},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.what);
@@ -134,8 +134,9 @@ TEST(MendctlTest, StacksFollowTaskIdsAndShadowedFilesAreFound) {
   d.AddRecord(late);
   d.AddRecord(early);
   // Both images mounted now, the directory itself not overlaid.
-  d.Write("proc/self/mountinfo", "30 1 7:0 / /mnt/rvx/late ro - ext4 /dev/dm-0 ro\n"
-                               "31 1 7:1 / /mnt/rvx/early ro - ext4 /dev/dm-1 ro\n");
+  d.Write("proc/self/mountinfo",
+          "30 1 7:0 / /mnt/rvx/late ro - ext4 /dev/dm-0 ro\n"
+          "31 1 7:1 / /mnt/rvx/early ro - ext4 /dev/dm-1 ro\n");
   d.Write("mnt/rvx/late/system/app/A.apk", "late");
   d.Write("mnt/rvx/early/system/app/A.apk", "early");
   d.Write("mnt/rvx/early/system/app/B.apk", "early");
@@ -147,9 +148,9 @@ TEST(MendctlTest, StacksFollowTaskIdsAndShadowedFilesAreFound) {
   EXPECT_EQ(Refusal(sync.packages.at(2).refusal), "not_mounted");
   ASSERT_EQ(sync.stacks.size(), 2u);
   EXPECT_EQ(sync.stacks[0].path, "/system/app");
-  EXPECT_EQ(sync.stacks[0].lower, (std::vector<std::string>{"/mnt/rvx/early/system/app",
-                                                            "/mnt/rvx/late/system/app",
-                                                            "/system/app"}));
+  EXPECT_EQ(sync.stacks[0].lower,
+            (std::vector<std::string>{"/mnt/rvx/early/system/app", "/mnt/rvx/late/system/app",
+                                      "/system/app"}));
   std::set<std::string> shadowed;
   for (const ShadowedFile& file : plan.shadowed) {
     shadowed.insert(file.path + " " + file.name + ">" + file.hides);
@@ -163,12 +164,12 @@ TEST(MendctlTest, TheKernelsMountsAndDevicesDecideWhatIsInForce) {
   d.AddPackage("a.zip", mend_test::PackageConfig("a"));  // repairs /system/lib64 too
   d.AddRecord({"a", 3, "/data/rvx/imgs/a.zip"});
   d.Write("data/rvx/msgs/native.msg",
-        "{\"update_package_name\":\"a\",\"response_content\":\"{\\\"status\\\":-8}\"}\n");
+          "{\"update_package_name\":\"a\",\"response_content\":\"{\\\"status\\\":-8}\"}\n");
   d.Write("proc/self/mountinfo",
-        "30 1 253:0 / /mnt/rvx/a ro shared:1 - ext4 /dev/block/dm-0 ro\n"
-        "31 1 0:40 / /system/app ro - overlay overlayfs-system_app "
-        "ro,lowerdir=/mnt/rvx/a/system/app:/tmp/x:/system/app\n"
-        "32 1 0:41 / /mnt/rvx/gh\\040ost ro - tmpfs none rw\n");
+          "30 1 253:0 / /mnt/rvx/a ro shared:1 - ext4 /dev/block/dm-0 ro\n"
+          "31 1 0:40 / /system/app ro - overlay overlayfs-system_app "
+          "ro,lowerdir=/mnt/rvx/a/system/app:/tmp/x:/system/app\n"
+          "32 1 0:41 / /mnt/rvx/gh\\040ost ro - tmpfs none rw\n");
   d.Write("sys/block/dm-0/dev", "253:0\n");
   d.Write("sys/block/dm-0/dm/name", "a\n");
   d.Write("sys/block/dm-0/slaves/loop0", "");
@@ -189,10 +190,10 @@ TEST(MendctlTest, TheKernelsMountsAndDevicesDecideWhatIsInForce) {
   for (const Problem& problem : FindProblems(snapshot, status)) {
     problems.insert(problem.kind + " " + problem.name);
   }
-  EXPECT_EQ(problems, (std::multiset<std::string>{
-                          "overlay_foreign /system/app", "mount_without_package gh ost",
-                          "reported_failed_but_mounted a", "leaked_device loop1",
-                          "overlay_missing a"}));
+  EXPECT_EQ(problems,
+            (std::multiset<std::string>{
+                "overlay_foreign /system/app", "mount_without_package gh ost",
+                "reported_failed_but_mounted a", "leaked_device loop1", "overlay_missing a"}));
 }
 
 TEST(ReportTextTest, NamesAreEscapedAndLinesStayWithinTheWidth) {

@@ -21,7 +21,7 @@ namespace {
 constexpr int kCorruptOffset = 4096 + 13 * 4096 + 100;
 
 const std::string kScript = std::string("M='") + MENDCTL_BINARY + "'; '" + MEND_BINARY + "'\n" +
-    R"SH(
+                            R"SH(
 section() { echo "== $1"; shift; "$@"; echo "== exit $?"; }
 dm_of() { grep -l "^$1\$" /sys/block/dm-*/dm/name | cut -d/ -f4; }
 section status "$M" status --json
@@ -32,7 +32,8 @@ losetup -f /data/rvx/imgs/junk.zip
 printf 'X' | dd of=/data/rvx/imgs/valid_2048.zip bs=1 seek=CORRUPT conv=notrunc 2>/dev/null
 sync; echo 3 > /proc/sys/vm/drop_caches
 section verify "$M" check --json --verify
-table=$(/usr/sbin/dmsetup table demo_fix1 | sed 's/ 2 restart_on_corruption ignore_zero_blocks/ 1 ignore_zero_blocks/')
+modes='s/ 2 restart_on_corruption ignore_zero_blocks/ 1 ignore_zero_blocks/'
+table=$(/usr/sbin/dmsetup table demo_fix1 | sed "$modes")
 /usr/sbin/dmsetup --noudevsync reload --readonly demo_fix1 --table "$table"
 /usr/sbin/dmsetup --noudevsync resume demo_fix1
 cat /dev/$(dm_of demo_fix1) > /dev/null 2>&1
@@ -97,8 +98,10 @@ Json::Value Parse(const std::string& output, const std::string& name) {
 TEST_F(MendctlOnDeviceTest, ExplainsARealRunAndFindsCorruption) {
   const std::string valid = PackageConfig("demo_fix1");
   Add("valid_2048", "valid_2048", valid, "demo_fix1", 1);
-  Add("stack_fix", "valid_2048", Config("stack_fix", "module_path=/system/app\n"
-                                                     "ro_build_display_id=BUILD.A.002\n"),
+  Add("stack_fix", "valid_2048",
+      Config("stack_fix",
+             "module_path=/system/app\n"
+             "ro_build_display_id=BUILD.A.002\n"),
       "stack_fix", 2);
   device_.root().WriteFile("/data/rvx/imgs/junk.zip", "not a zip");
   Add("norecord", "valid_2048", PackageConfig("norecord_fix"), "", 0);
@@ -111,8 +114,8 @@ TEST_F(MendctlOnDeviceTest, ExplainsARealRunAndFindsCorruption) {
   SpRecord failing;
   failing.boot_failed_count = 3;  // 4 once this run counts it, above the limit of 3
   Add("boot", "valid_2048", PackageConfig("boot_fix"), "boot_fix", 6, failing);
-  Add("build", "valid_2048", PackageConfig("build_fix", "ro_build_display_id=OTHER\n"),
-      "build_fix", 7);
+  Add("build", "valid_2048", PackageConfig("build_fix", "ro_build_display_id=OTHER\n"), "build_fix",
+      7);
   Add("buildless", "valid_2048", Config("buildless_fix", "module_path=/system/app\n"),
       "buildless_fix", 8);
   Add("wrong_key", "wrong_key", PackageConfig("fix_wrong_key"), "fix_wrong_key", 9);
@@ -171,8 +174,9 @@ TEST_F(MendctlOnDeviceTest, ExplainsARealRunAndFindsCorruption) {
 
   // Plan and status agree with the kernel's overlay of two packages.
   const std::string kernel = Section(run.output, "overlays");
-  EXPECT_TRUE(Contains(kernel, "lowerdir=/mnt/rvx/demo_fix1/system/app:"
-                               "/mnt/rvx/stack_fix/system/app:/system/app"))
+  EXPECT_TRUE(Contains(kernel,
+                       "lowerdir=/mnt/rvx/demo_fix1/system/app:"
+                       "/mnt/rvx/stack_fix/system/app:/system/app"))
       << kernel;
   const Json::Value plan = Parse(run.output, "plan");
   Json::Value app_stack;
