@@ -133,7 +133,7 @@ void AddShadowed(const Snapshot& snapshot, const DeviceRoot& root, const Planned
     std::error_code error;
     for (fs::recursive_directory_iterator it(top, error), end; !error && it != end;
          it.increment(error)) {
-      if (it->is_directory()) continue;
+      if (it->is_directory(error)) continue;
       const std::string relative = it->path().string().substr(top.size());
       std::string hides;
       for (size_t j = i + 1; j < layers.size() && hides.empty(); ++j) {
