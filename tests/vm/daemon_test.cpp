@@ -38,16 +38,7 @@ std::string Expected(const std::string& package, const char* member) {
 class DaemonOnDeviceTest : public ::testing::Test {
  protected:
   DaemonOnDeviceTest() {
-    SandboxRoot& root = device_.root();
-    for (const char* dir : {"/data/rvx/imgs", "/data/rvx/files", "/data/rvx/msgs", "/mnt/rvx"}) {
-      root.MakeDir(dir);
-    }
-    root.WriteFile("/system/lib64/libstock.txt", "stock lib\n");
-    root.WriteFile("/system/app/Demo/Demo.txt", "stock demo\n");
-    root.CopyIn(AvbFixture("keys/rsa2048.avbpubkey"), "/system/etc/security/rpk_public_key");
-    root.SetProperty("ro.product.mend.support", "1");
-    root.SetProperty("persist.product.mend.support", "1");
-    root.SetProperty("ro.build.display.id", "BUILD.A.002");
+    LayOutRepairDevice(&device_);
     device_.AddBinary(MEND_BINARY);
   }
 

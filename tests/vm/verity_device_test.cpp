@@ -29,7 +29,7 @@ using android::base::WARNING;
 using android::dm::DeviceMapper;
 using android::dm::DmDeviceState;
 using android::dm::DmTable;
-using android::dm::TargetInfo;
+using TargetInfo = android::dm::DeviceMapper::TargetInfo;
 using android::rpk::CreateVerityDevice;
 using android::rpk::CreateVerityTable;
 using android::rpk::DeleteVerityDevice;
@@ -167,9 +167,9 @@ TEST_F(VerityDeviceTest, KernelReportsTheTableAsBuilt) {
     auto device = CreateVerityDevice(name, *Table(restart), false);
     ASSERT_TRUE(device.ok()) << device.error();
     const TargetInfo line = Reported(name, true);
-    EXPECT_EQ(line.start, 0u);
-    EXPECT_EQ(line.length, 8192u);
-    EXPECT_EQ(line.type, "verity");
+    EXPECT_EQ(line.spec.sector_start, 0u);
+    EXPECT_EQ(line.spec.length, 8192u);
+    EXPECT_STREQ(line.spec.target_type, "verity");
     EXPECT_EQ(line.data, ExpectedParams(restart));
   }
 }

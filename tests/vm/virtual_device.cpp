@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "avb_fixtures.h"
 #include "run_program.h"
 #include "test_files.h"
 
@@ -38,6 +39,19 @@ VmRun VirtualDevice::Run(const std::vector<std::string>& argv, std::chrono::seco
   run.rebooted = end == "rebooted" || end == "powered-off";
   run.timed_out = end == "timeout";
   return run;
+}
+
+void LayOutRepairDevice(VirtualDevice* device) {
+  SandboxRoot& root = device->root();
+  for (const char* dir : {"/data/rvx/imgs", "/data/rvx/files", "/data/rvx/msgs", "/mnt/rvx"}) {
+    root.MakeDir(dir);
+  }
+  root.WriteFile("/system/lib64/libstock.txt", "stock lib\n");
+  root.WriteFile("/system/app/Demo/Demo.txt", "stock demo\n");
+  root.CopyIn(AvbFixture("keys/rsa2048.avbpubkey"), "/system/etc/security/rpk_public_key");
+  root.SetProperty("ro.product.mend.support", "1");
+  root.SetProperty("persist.product.mend.support", "1");
+  root.SetProperty("ro.build.display.id", "BUILD.A.002");
 }
 
 }  // namespace mend_test

@@ -43,4 +43,9 @@ class VirtualDevice {
   std::vector<std::string> options_;
 };
 
+// Lays `device` out like a phone that takes repair packages: the daemon's
+// directories, stock files in /system/lib64 and /system/app, the reference
+// key trusted, the daemon switched on, running build BUILD.A.002.
+void LayOutRepairDevice(VirtualDevice* device);
+
 }  // namespace mend_test

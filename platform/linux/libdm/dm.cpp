@@ -108,7 +108,7 @@ DeviceMapper& DeviceMapper::Instance() {
 }
 
 DeviceMapper::DeviceMapper() {
-  fd_ = open(kControlPath, O_RDWR | O_CLOEXEC);
+  fd_ = open(kControlPath, O_RDONLY | O_CLOEXEC);
   if (fd_ < 0) PLOG(ERROR) << "Failed to open device-mapper control node " << kControlPath;
 }
 
@@ -270,9 +270,7 @@ bool DeviceMapper::QueryTable(const std::string& name, bool table_lines,
       const char* text = io.bytes() + spec_at + sizeof(target);
       const size_t text_room = data_end - spec_at - sizeof(target);
       TargetInfo info;
-      info.start = target.sector_start;
-      info.length = target.length;
-      info.type.assign(target.target_type, strnlen(target.target_type, sizeof(target.target_type)));
+      info.spec = target;
       info.data.assign(text, strnlen(text, text_room));
       table->push_back(std::move(info));
       if (target.next <= offset && i + 1 < out->target_count) return false;

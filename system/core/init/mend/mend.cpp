@@ -6,13 +6,13 @@
 #include <pthread.h>
 
 #include <chrono>
-#include <cstring>
 #include <list>
 
 #include "mend_log.h"
 #include "mend_message.h"
 #include "mend_paths.h"
 #include "mend_repair.h"
+#include "mend_rules.h"
 #include "mend_shared_prefs.h"
 
 namespace android {
@@ -44,7 +44,7 @@ bool MendRepairUtil::isMendSupported() {
   property_get(android::mend::kPropSupport, product, "-1");
   property_get(android::mend::kPropPersistSupport, persist, "-1");
   MEND_LOG("mend: %s,persist:%s", product, persist);
-  return strcmp(product, "1") == 0 && strcmp(persist, "1") == 0;
+  return isSupportSwitchOn(product, persist);
 }
 
 MendManager* MendManager::GetInstance() {
@@ -76,8 +76,7 @@ void MendManager::runRepair(bool async) {
   std::map<std::string, MendRepairPackage> tempRepairMap;
   for (const auto& pair : mendRepairList) {
     MEND_LOG("pair.second.is_async_exec = %d ", pair.second.is_async_exec);
-    const bool wantsAsync = pair.second.is_async_exec == 1;
-    if (wantsAsync != async) continue;
+    if (isAsyncPackage(pair.second) != async) continue;
     MendSharedPrefsManager::GetInstance()->updateBootFailedCount(pair.second);
     tempRepairMap[pair.first] = pair.second;
     MEND_LOG("1 tempRepairMap.size() = %ld ", static_cast<long>(tempRepairMap.size()));

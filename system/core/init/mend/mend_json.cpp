@@ -14,5 +14,11 @@ bool parseJsonLine(const std::string& line, Json::Value* root) {
   return reader.parse(line, *root);
 }
 
+std::optional<std::string> jsonRootProblem(const Json::Value& root) {
+  // Members of null read as null; any other non-object refuses member access.
+  if (root.isObject() || root.isNull()) return std::nullopt;
+  return std::string("the line holds no JSON object");
+}
+
 }  // namespace init
 }  // namespace android

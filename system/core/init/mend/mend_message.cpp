@@ -59,24 +59,49 @@ std::string jsonObj2String(MendRepairMessage message) {
   return toCompactJson(root);
 }
 
+namespace {
+
+// The members as the channel reads them; the 64-bit members are converted as
+// 32-bit ints.
+using MessageMember = JsonMember<MendRepairMessage>;
+const MessageMember kMessageMembers[] = {
+    {"update_package_name", Json::stringValue,
+     [](const Json::Value& v, MendRepairMessage* m) { m->update_package_name = v.asString(); }},
+    {"update_version_code", Json::intValue,
+     [](const Json::Value& v, MendRepairMessage* m) { m->update_version_code = v.asInt(); }},
+    {"msg_source", Json::stringValue,
+     [](const Json::Value& v, MendRepairMessage* m) { m->msg_source = v.asString(); }},
+    {"task_id", Json::intValue,
+     [](const Json::Value& v, MendRepairMessage* m) { m->task_id = v.asInt(); }},
+    {"image_path", Json::stringValue,
+     [](const Json::Value& v, MendRepairMessage* m) { m->image_path = v.asString(); }},
+    {"need_response", Json::booleanValue,
+     [](const Json::Value& v, MendRepairMessage* m) { m->need_response = v.asBool(); }},
+    {"msg_type", Json::intValue,
+     [](const Json::Value& v, MendRepairMessage* m) { m->msg_type = v.asInt(); }},
+    {"response_content", Json::stringValue,
+     [](const Json::Value& v, MendRepairMessage* m) { m->response_content = v.asString(); }},
+};
+
+}  // namespace
+
+MendRepairMessage messageFromJson(const Json::Value& root) {
+  return recordFromJson(root, kMessageMembers);
+}
+
+std::optional<std::string> messageJsonProblem(const Json::Value& root) {
+  return recordJsonProblem(root, kMessageMembers);
+}
+
 MendMessageManager* MendMessageManager::GetInstance() {
   static MendMessageManager instance;
   return &instance;
 }
 
 MendRepairMessage MendMessageManager::parseMessage(std::string line) {
-  MendRepairMessage message;
   Json::Value root;
-  if (!parseJsonLine(line, &root)) return message;
-  message.update_package_name = root["update_package_name"].asString();
-  message.update_version_code = root["update_version_code"].asInt();
-  message.msg_source = root["msg_source"].asString();
-  message.task_id = root["task_id"].asInt();
-  message.image_path = root["image_path"].asString();
-  message.need_response = root["need_response"].asBool();
-  message.msg_type = root["msg_type"].asInt();
-  message.response_content = root["response_content"].asString();
-  return message;
+  if (!parseJsonLine(line, &root)) return MendRepairMessage();
+  return messageFromJson(root);
 }
 
 void MendMessageManager::syncMsgList() {

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <json/json.h>
+
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "mend_package.h"
@@ -20,6 +23,12 @@ struct MendRepairMessage {
   int32_t msg_type = 0;
   std::string response_content;
 };
+
+// The message in a JSON object; a member of the wrong type ends the process
+// through the library error.
+MendRepairMessage messageFromJson(const Json::Value& root);
+// Why messageFromJson would end the process on `root`, or nullopt.
+std::optional<std::string> messageJsonProblem(const Json::Value& root);
 
 // The message as one compact JSON line.
 std::string jsonObj2String(MendRepairMessage message);

@@ -195,7 +195,19 @@ struct DirCloser {
 using android::mend::kTrialDeviceName;
 constexpr int kLoopCreateAttempts = 3;
 
-// Refuses a mount point that exists but cannot be read or holds anything.
+// The first loop device of up to three attempts; an empty holder when all
+// fail (the verity step then fails on the missing device).
+loop::LoopbackRepairDeviceUniqueFd AttachImage(const RpkFile& rpk) {
+  for (int attempt = 0; attempt < kLoopCreateAttempts; ++attempt) {
+    auto device = loop::CreateAndConfigureLoopDevice(
+        rpk.GetPath(), static_cast<uint32_t>(*rpk.GetImageOffset()), *rpk.GetImageSize());
+    if (device.ok()) return std::move(*device);
+  }
+  return {};
+}
+
+}  // namespace
+
 Result<void> CheckMountPointIsEmpty(const std::string& mount_point) {
   struct stat st;
   if (stat(mount_point.c_str(), &st) != 0) {
@@ -212,19 +224,6 @@ Result<void> CheckMountPointIsEmpty(const std::string& mount_point) {
   }
   return {};
 }
-
-// The first loop device of up to three attempts; an empty holder when all
-// fail (the verity step then fails on the missing device).
-loop::LoopbackRepairDeviceUniqueFd AttachImage(const RpkFile& rpk) {
-  for (int attempt = 0; attempt < kLoopCreateAttempts; ++attempt) {
-    auto device = loop::CreateAndConfigureLoopDevice(
-        rpk.GetPath(), static_cast<uint32_t>(*rpk.GetImageOffset()), *rpk.GetImageSize());
-    if (device.ok()) return std::move(*device);
-  }
-  return {};
-}
-
-}  // namespace
 
 // Directory of separate hashtree files. Nothing assigns it: no package ships
 // a separate tree, so the name below is never used.

@@ -59,6 +59,10 @@ android::base::Result<void> DeleteVerityDevice(const std::string& name, bool ign
 
 android::base::Result<void> ReadVerityDevice(const std::string& device_path, uint64_t size_bytes);
 
+// Refuses a mount point that exists but cannot be read or holds anything; a
+// missing one is accepted.
+android::base::Result<void> CheckMountPointIsEmpty(const std::string& mount_point);
+
 // Registry type of mounted packages; constructed once, never filled here.
 class MountedRpkDatabase {
  public:

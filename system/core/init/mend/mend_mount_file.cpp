@@ -81,25 +81,6 @@ Result<ImageMember> LocateImageMember(const std::string& path) {
   return ImageMember{static_cast<int32_t>(entry.offset), entry.uncompressed_length};
 }
 
-Result<std::string> ReadTrustedPublicKeyHex() {
-  std::ifstream key_file(kTrustedKeyFile, std::ios::in | std::ios::binary);
-  std::streamoff size = -1;
-  if (key_file.is_open()) {
-    key_file.seekg(0, std::ios::end);
-    size = key_file.tellg();
-    key_file.seekg(0, std::ios::beg);
-  }
-  // No vbmeta block can embed a key longer than the block itself, so a larger
-  // "file" (or one whose size cannot be told, such as a directory) is no key.
-  if (size < 0 || static_cast<uint64_t>(size) > kVbMetaMaxSize) {
-    LOG(ERROR) << "Kelb failed to open rpk_public_key";
-    return Error() << "Failed to find rpk_public_key " << kTrustedKeyFile;
-  }
-  std::vector<uint8_t> key(static_cast<size_t>(size), 0);
-  key_file.read(reinterpret_cast<char*>(key.data()), size);
-  return BytesToHex(key.data(), key.size());
-}
-
 Result<AvbFooter> ReadAvbFooter(int fd, const std::optional<int32_t>& image_offset,
                                 const std::optional<uint64_t>& image_size) {
   if (!image_offset.has_value() || !image_size.has_value()) {
@@ -274,10 +255,29 @@ Result<RpkVerityData> VerityDataFromVbmeta(const uint8_t* vbmeta, size_t vbmeta_
   return data;
 }
 
+Result<std::string> ReadPublicKeyHex(const std::string& key_path) {
+  std::ifstream key_file(key_path, std::ios::in | std::ios::binary);
+  std::streamoff size = -1;
+  if (key_file.is_open()) {
+    key_file.seekg(0, std::ios::end);
+    size = key_file.tellg();
+    key_file.seekg(0, std::ios::beg);
+  }
+  // No vbmeta block can embed a key longer than the block itself, so a larger
+  // "file" (or one whose size cannot be told, such as a directory) is no key.
+  if (size < 0 || static_cast<uint64_t>(size) > kVbMetaMaxSize) {
+    LOG(ERROR) << "Kelb failed to open rpk_public_key";
+    return Error() << "Failed to find rpk_public_key " << key_path;
+  }
+  std::vector<uint8_t> key(static_cast<size_t>(size), 0);
+  key_file.read(reinterpret_cast<char*>(key.data()), size);
+  return BytesToHex(key.data(), key.size());
+}
+
 Result<RpkFile> RpkFile::Open(const std::string& path) {
   auto member = LocateImageMember(path);
   if (!member.ok()) return member.error();
-  auto key = ReadTrustedPublicKeyHex();
+  auto key = ReadPublicKeyHex(kTrustedKeyFile);
   if (!key.ok()) return key.error();
   return FromImageMember(path, member->offset, member->size, std::move(*key));
 }

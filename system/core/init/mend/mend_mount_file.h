@@ -35,6 +35,10 @@ struct RpkVerityData {
 android::base::Result<RpkVerityData> VerityDataFromVbmeta(const uint8_t* vbmeta,
                                                           size_t vbmeta_size);
 
+// The key blob in `key_path` as lowercase hex; fails for a file that cannot
+// be read or is larger than any vbmeta block.
+android::base::Result<std::string> ReadPublicKeyHex(const std::string& key_path);
+
 // Package configuration record of the engine; nothing on the mount path
 // fills or reads it.
 struct RpkConfig {

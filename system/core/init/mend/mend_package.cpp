@@ -1,5 +1,9 @@
 #include "mend_package.h"
 
+#include <android-base/unique_fd.h>
+#include <fcntl.h>
+#include <ziparchive/zip_archive.h>
+
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -82,6 +86,34 @@ MendRepairPackage parseRepairConfig(const std::string& text) {
   int_of("structure_version", &package.structure_version);
   int_of("is_async_exec", &package.is_async_exec);
   return package;
+}
+
+ZipEntryRead readZipEntry(const std::string& path, const char* entry_name) {
+  ZipEntryRead read;
+  android::base::unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (fd.get() == -1) {
+    read.failed_at = ZipReadStep::kOpenFile;
+    return read;
+  }
+  ZipArchiveHandle handle = nullptr;
+  ZipEntry entry;
+  if ((read.zip_error = OpenArchiveFd(fd.get(), path.c_str(), &handle, false)) < 0) {
+    read.failed_at = ZipReadStep::kOpenArchive;
+  } else if ((read.zip_error = FindEntry(handle, entry_name, &entry)) < 0) {
+    read.failed_at = ZipReadStep::kFindEntry;
+  } else {
+    std::vector<uint8_t> buffer(entry.uncompressed_length);
+    read.zip_error = ExtractToMemory(handle, &entry, buffer.data(), entry.uncompressed_length);
+    if (read.zip_error != 0) {
+      read.failed_at = ZipReadStep::kExtract;
+    } else {
+      read.text.assign(buffer.begin(), buffer.end());
+    }
+  }
+  // The handle is closed even when opening failed; the descriptor stays ours
+  // and unique_fd closes it with errno kept.
+  CloseArchive(handle);
+  return read;
 }
 
 }  // namespace init

@@ -92,5 +92,15 @@ inline constexpr ConfigKey kConfigKeys[] = {
 // the daemon: a leading number (after blanks and a sign) within int range.
 bool convertsToConfigNumber(const std::string& value);
 
+// Reading one member out of a package zip, as the scan reads config.txt:
+// where it stopped and, for the archive steps, the library's error code.
+enum class ZipReadStep { kDone, kOpenFile, kOpenArchive, kFindEntry, kExtract };
+struct ZipEntryRead {
+  ZipReadStep failed_at = ZipReadStep::kDone;
+  int32_t zip_error = 0;
+  std::string text;  // the member's bytes when failed_at is kDone
+};
+ZipEntryRead readZipEntry(const std::string& path, const char* entry_name);
+
 }  // namespace init
 }  // namespace android

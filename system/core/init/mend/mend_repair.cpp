@@ -3,7 +3,6 @@
 #include <cutils/properties.h>
 #include <json/json.h>
 
-#include <algorithm>
 #include <filesystem>
 
 #include "mend_json.h"
@@ -11,6 +10,7 @@
 #include "mend_message.h"
 #include "mend_mount.h"
 #include "mend_paths.h"
+#include "mend_rules.h"
 #include "mend_shared_prefs.h"
 
 namespace android {
@@ -24,41 +24,32 @@ void reportStatus(const MendRepairPackage& package, STATUS_REPAIR status) {
                                                   MendRepairUtil::repairStatus2JsonString(status));
 }
 
-// A package that keeps breaking boot is refused once its failed boots exceed
-// what its config tolerates.
-bool bootFailureLimitReached(const MendRepairPackage& package) {
+// Reports a refusal and marks the package: the boot-failure refusal updates
+// the repair status first, the build refusals the deletable mark first.
+void reportRefusal(const MendRepairPackage& package, MountRefusal refusal,
+                   const std::string& current) {
   MendSharedPrefsManager* prefs = MendSharedPrefsManager::GetInstance();
-  if (prefs->readSp(package).boot_failed_count <= package.trigger_rollback_count) return false;
-  MEND_LOG("boot failed more than %d ", package.trigger_rollback_count);
-  reportStatus(package, REPAIR_BOOT_FAILED_LIMIT);
-  prefs->updateRepairStatus(package, false);
+  switch (refusal) {
+    case MountRefusal::kNone:
+      return;
+    case MountRefusal::kBootFailedLimit:
+      MEND_LOG("boot failed more than %d ", package.trigger_rollback_count);
+      reportStatus(package, REPAIR_BOOT_FAILED_LIMIT);
+      prefs->updateRepairStatus(package, false);
+      prefs->updateCanDelete(package, true);
+      return;
+    case MountRefusal::kBuildListEmpty:
+      MEND_LOG("build version list size is 0");
+      reportStatus(package, REPAIR_BUILD_LIST_EMPTY);
+      break;
+    case MountRefusal::kBuildMismatch:
+      MEND_LOG("os version is not match : %s ,current is : %s ",
+               package.ro_build_display_id.c_str(), current.c_str());
+      reportStatus(package, REPAIR_OS_VERSION_MISMATCH);
+      break;
+  }
   prefs->updateCanDelete(package, true);
-  return true;
-}
-
-// A package is only valid on the builds it lists.
-bool buildMismatch(const MendRepairPackage& package) {
-  MendSharedPrefsManager* prefs = MendSharedPrefsManager::GetInstance();
-  char current[PROPERTY_VALUE_MAX];
-  property_get(android::mend::kPropBuildDisplayId, current, "unknown");
-  const std::vector<std::string> builds =
-      MendRepairUtil::split(package.ro_build_display_id, ';');
-  if (builds.empty()) {
-    MEND_LOG("build version list size is 0");
-    reportStatus(package, REPAIR_BUILD_LIST_EMPTY);
-    prefs->updateCanDelete(package, true);
-    prefs->updateRepairStatus(package, false);
-    return true;
-  }
-  if (std::find(builds.begin(), builds.end(), current) == builds.end()) {
-    MEND_LOG("os version is not match : %s ,current is : %s ",
-             package.ro_build_display_id.c_str(), current);
-    reportStatus(package, REPAIR_OS_VERSION_MISMATCH);
-    prefs->updateCanDelete(package, true);
-    prefs->updateRepairStatus(package, false);
-    return true;
-  }
-  return false;
+  prefs->updateRepairStatus(package, false);
 }
 
 }  // namespace
@@ -71,7 +62,12 @@ MendRepairManager* MendRepairManager::GetInstance() {
 std::list<MendRepairModule> MendRepairManager::startMount(MendRepairPackage package) {
   MEND_LOG("startMount : %s", package.update_package_name.c_str());
   std::list<MendRepairModule> modules;
-  if (bootFailureLimitReached(package) || buildMismatch(package)) {
+  char current[PROPERTY_VALUE_MAX];
+  property_get(android::mend::kPropBuildDisplayId, current, "unknown");
+  const MountRefusal refusal = mountRefusal(
+      package, MendSharedPrefsManager::GetInstance()->readSp(package).boot_failed_count, current);
+  if (refusal != MountRefusal::kNone) {
+    reportRefusal(package, refusal, current);
     MEND_LOG("check package failed");
     return modules;
   }

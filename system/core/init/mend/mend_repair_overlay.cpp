@@ -9,6 +9,7 @@
 #include "mend_log.h"
 #include "mend_paths.h"
 #include "mend_repair.h"
+#include "mend_rules.h"
 
 namespace android {
 namespace init {
@@ -26,22 +27,13 @@ std::string overlaySourceName(const std::string& path) {
   return "overlayfs-" + flat.substr(1);
 }
 
-// The module's directory inside its mounted package.
-std::string lowerDirOf(const MendRepairModule& module) {
-  return android::mend::kMountRoot + module.parent_package.update_package_name + module.module_path;
-}
-
 // Mounts one overlay over `path` with the group's package copies stacked by
 // task id above the directory itself. True when the mount succeeded.
 bool overlayGroup(const std::string& path, const std::list<MendRepairModule>& group) {
   const std::string source = overlaySourceName(path);
   MEND_LOG("preOverlayImgsByModPath1 : %s , %s", source.c_str(), path.c_str());
-  std::list<MendRepairModule> byTask = group;
-  byTask.sort(compareModByTaskId);  // stable: equal task ids keep input order
-
   std::string joined;
-  for (const MendRepairModule& module : byTask) {
-    const std::string lower = lowerDirOf(module);
+  for (const std::string& lower : overlayLowerDirs(group)) {
     MEND_LOG("preOverlayImgsByModPath2 : %s", lower.c_str());
     joined += ":" + lower;
   }

@@ -1,14 +1,11 @@
-#include <android-base/unique_fd.h>
-#include <fcntl.h>
-#include <ziparchive/zip_archive.h>
-
 #include <filesystem>
-#include <vector>
+#include <optional>
 
 #include "mend.h"
 #include "mend_log.h"
 #include "mend_message.h"
 #include "mend_paths.h"
+#include "mend_rules.h"
 #include "mend_shared_prefs.h"
 
 namespace android {
@@ -26,32 +23,24 @@ using android::mend::kPackageDir;
 // cannot be read as a package.
 std::string readFileFromZip(const std::string& path, const char* entryName) {
   MEND_LOG("readFileFromZip : %s , %s", path.c_str(), entryName);
-  android::base::unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (fd.get() == -1) {
-    MEND_LOG("Failed to open fd %s ", path.c_str());
-    return "";
-  }
-  std::string text;
-  ZipArchiveHandle handle = nullptr;
-  if (OpenArchiveFd(fd.get(), path.c_str(), &handle, false) < 0) {
-    MEND_LOG("Failed to open OpenArchiveFd %s", path.c_str());
-  } else {
-    ZipEntry entry;
-    if (FindEntry(handle, entryName, &entry) < 0) {
+  const ZipEntryRead read = readZipEntry(path, entryName);
+  switch (read.failed_at) {
+    case ZipReadStep::kDone:
+      break;
+    case ZipReadStep::kOpenFile:
+      MEND_LOG("Failed to open fd %s ", path.c_str());
+      break;
+    case ZipReadStep::kOpenArchive:
+      MEND_LOG("Failed to open OpenArchiveFd %s", path.c_str());
+      break;
+    case ZipReadStep::kFindEntry:
       MEND_LOG("not found config file %s ", entryName);
-    } else {
-      std::vector<uint8_t> buffer(entry.uncompressed_length);
-      if (ExtractToMemory(handle, &entry, buffer.data(), entry.uncompressed_length) != 0) {
-        MEND_LOG("Failed to extract config file from package");
-      } else {
-        text.assign(buffer.begin(), buffer.end());
-      }
-    }
+      break;
+    case ZipReadStep::kExtract:
+      MEND_LOG("Failed to extract config file from package");
+      break;
   }
-  // The handle is closed even when opening failed; the descriptor stays ours
-  // and unique_fd closes it with errno kept.
-  CloseArchive(handle);
-  return text;
+  return read.text;
 }
 
 std::string parseRepairImage(const std::string& path) {
@@ -69,15 +58,6 @@ void readPackageConfigs() {
     if (config.empty()) continue;
     otaPkgMap[path] = config;
   }
-}
-
-bool isCancelled(const MendRepairPackage& package) {
-  for (const auto& [name, record] : MendSharedPrefsManager::GetInstance()->getSpList()) {
-    if (record.need_cancel && isRecordOf(record, package)) {
-      return true;
-    }
-  }
-  return false;
 }
 
 // Phase 2: configs become packages; cancelled ones and ones without a state
@@ -101,20 +81,15 @@ void buildRepairList() {
     package.image_path = path;
 
     MEND_LOG("%s notAllowForRepair", package.update_package_name.c_str());
-    if (isCancelled(package)) {
+    if (isCancelRequested(MendSharedPrefsManager::GetInstance()->getSpList(), package)) {
       MEND_LOG("%s need cancel", package.update_package_name.c_str());
       MendSharedPrefsManager::GetInstance()->updateCanDelete(package, true);
       continue;
     }
 
-    bool found = false;
-    for (const auto& [name, record] : spMap) {
-      if (isRecordOf(record, package)) {
-        package.task_id = record.task_id;
-        found = true;
-      }
-    }
-    if (found) {
+    const std::optional<int64_t> task_id = recordTaskId(spMap, package);
+    if (task_id) {
+      package.task_id = *task_id;
       mendRepairList[package.image_path] = package;
     } else {
       MEND_LOG("%s not fount in sp", package.update_package_name.c_str());

@@ -4,6 +4,7 @@
 
 #include "mend_json.h"
 #include "mend_log.h"
+#include "mend_rules.h"
 #include "mend_state_files.h"
 
 namespace android {
@@ -59,22 +60,42 @@ Json::Value spToJson(const MendRepairSp& record) {
   return root;
 }
 
-MendRepairSp spFromJson(const Json::Value& root) {
-  MendRepairSp record;
-  record.update_package_name = root["update_package_name"].asString();
-  record.update_version_code = root["update_version_code"].asInt();
-  record.is_repair_success = root["is_repair_success"].asBool();
-  record.boot_failed_count = root["boot_failed_count"].asInt();
-  record.is_boot_success = root["is_boot_success"].asBool();
-  record.need_cancel = root["need_cancel"].asBool();
-  record.task_id = root["task_id"].asInt();
-  record.need_delete = root["need_delete"].asBool();
-  record.first_report = root["first_report"].asBool();
-  record.image_path = root["image_path"].asString();
-  record.reboot_type = root["reboot_type"].asInt();
-  record.cancel_task_id = root["cancel_task_id"].asInt();
-  record.is_async_repair = root["is_async_repair"].asBool();
-  return record;
+// The members as the store reads them; the 64-bit members are converted as
+// 32-bit ints.
+using SpMember = JsonMember<MendRepairSp>;
+const SpMember kSpMembers[] = {
+    {"update_package_name", Json::stringValue,
+     [](const Json::Value& v, MendRepairSp* r) { r->update_package_name = v.asString(); }},
+    {"update_version_code", Json::intValue,
+     [](const Json::Value& v, MendRepairSp* r) { r->update_version_code = v.asInt(); }},
+    {"is_repair_success", Json::booleanValue,
+     [](const Json::Value& v, MendRepairSp* r) { r->is_repair_success = v.asBool(); }},
+    {"boot_failed_count", Json::intValue,
+     [](const Json::Value& v, MendRepairSp* r) { r->boot_failed_count = v.asInt(); }},
+    {"is_boot_success", Json::booleanValue,
+     [](const Json::Value& v, MendRepairSp* r) { r->is_boot_success = v.asBool(); }},
+    {"need_cancel", Json::booleanValue,
+     [](const Json::Value& v, MendRepairSp* r) { r->need_cancel = v.asBool(); }},
+    {"task_id", Json::intValue,
+     [](const Json::Value& v, MendRepairSp* r) { r->task_id = v.asInt(); }},
+    {"need_delete", Json::booleanValue,
+     [](const Json::Value& v, MendRepairSp* r) { r->need_delete = v.asBool(); }},
+    {"first_report", Json::booleanValue,
+     [](const Json::Value& v, MendRepairSp* r) { r->first_report = v.asBool(); }},
+    {"image_path", Json::stringValue,
+     [](const Json::Value& v, MendRepairSp* r) { r->image_path = v.asString(); }},
+    {"reboot_type", Json::intValue,
+     [](const Json::Value& v, MendRepairSp* r) { r->reboot_type = v.asInt(); }},
+    {"cancel_task_id", Json::intValue,
+     [](const Json::Value& v, MendRepairSp* r) { r->cancel_task_id = v.asInt(); }},
+    {"is_async_repair", Json::booleanValue,
+     [](const Json::Value& v, MendRepairSp* r) { r->is_async_repair = v.asBool(); }},
+};
+
+MendRepairSp spFromJson(const Json::Value& root) { return recordFromJson(root, kSpMembers); }
+
+std::optional<std::string> spJsonProblem(const Json::Value& root) {
+  return recordJsonProblem(root, kSpMembers);
 }
 
 MendSharedPrefsManager* MendSharedPrefsManager::GetInstance() {
@@ -117,8 +138,7 @@ bool MendSharedPrefsManager::updateBootFailedCount(MendRepairPackage package) {
   MEND_LOG("updateBootFailedCount");
   return updateMatchingRecord(package, [&](MendRepairSp& record) {
     const int32_t old_count = record.boot_failed_count;
-    // Only a boot that was never confirmed counts as failed.
-    if (!record.is_boot_success) record.boot_failed_count = old_count + 1;
+    record.boot_failed_count = countedBootFailures(record);
     MEND_LOG("updateBootFailedCount ======%s============%d==================%d",
              package.update_package_name.c_str(), record.boot_failed_count, old_count);
   });

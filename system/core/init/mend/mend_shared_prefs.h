@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 
 #include "mend_package.h"
@@ -39,6 +40,8 @@ inline bool isRecordOf(const MendRepairSp& record, const MendRepairPackage& pack
 // ints; a member of the wrong type ends the daemon through the library error.
 Json::Value spToJson(const MendRepairSp& record);
 MendRepairSp spFromJson(const Json::Value& root);
+// Why spFromJson would end the process on `root`, or nullopt when it reads.
+std::optional<std::string> spJsonProblem(const Json::Value& root);
 
 // The state store: one record per package name, mirrored whole to
 // /data/rvx/files/shared_prefs.cfg after every change.

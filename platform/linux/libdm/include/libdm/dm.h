@@ -1,5 +1,6 @@
 #pragma once
 
+#include <linux/dm-ioctl.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -16,21 +17,20 @@ namespace dm {
 
 enum class DmDeviceState { INVALID, SUSPENDED, ACTIVE };
 
-// One target of a loaded table as the kernel reports it back: its sector
-// range, its type and either its table parameters or its status text.
-struct TargetInfo {
-  uint64_t start = 0;
-  uint64_t length = 0;
-  std::string type;
-  std::string data;
-};
-
 // Process-wide handle on the kernel's device-mapper control node
-// (/dev/mapper/control). Device nodes are the kernel's own /dev/dm-<minor>,
+// (/dev/mapper/control), opened read-only: the kernel asks for CAP_SYS_ADMIN,
+// not write access, for every request, and read-only callers can share it. Device nodes are the kernel's own /dev/dm-<minor>,
 // which devtmpfs creates and removes with the device, so no device manager
 // is needed.
 class DeviceMapper final {
  public:
+  // One target of a loaded table as the kernel reports it back: its spec
+  // (sector range and type) and either its table parameters or its status.
+  struct TargetInfo {
+    dm_target_spec spec{};
+    std::string data;
+  };
+
   static DeviceMapper& Instance();
 
   // INVALID when there is no such device; ACTIVE when it has a live table
