@@ -1,10 +1,5 @@
 #include "ext4_image.h"
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-
-#include <memory>
 #include <vector>
 
 #include "byte_order.h"
@@ -12,66 +7,15 @@
 
 namespace rpktool {
 
-using android::base::Error;
-using android::base::ErrnoError;
 using android::base::Result;
+using avbformat::RoundUp;
 
 namespace {
 
 constexpr uint64_t kBlocksPerGroup = 32768;
 constexpr uint64_t kInodeSize = 256;
-// Symlink targets shorter than this live inside the inode.
-constexpr uint64_t kInlineSymlinkMax = 60;
-// Extent tree blocks: one per this much file data, generously.
-constexpr uint64_t kBytesPerExtentBlock = 64ull << 20;
-
-struct DirCloser {
-  void operator()(DIR* dir) const { closedir(dir); }
-};
-
-Result<void> Walk(const std::string& path, SourceTree* tree) {
-  std::unique_ptr<DIR, DirCloser> dir(opendir(path.c_str()));
-  if (!dir) return ErrnoError() << "cannot read directory " << path;
-  uint64_t dir_bytes = 24;  // "." and ".."
-  while (dirent* entry = readdir(dir.get())) {
-    const std::string name = entry->d_name;
-    if (name == "." || name == "..") continue;
-    const std::string child = path + "/" + name;
-    struct stat st;
-    if (lstat(child.c_str(), &st) != 0) return ErrnoError() << "cannot stat " << child;
-    ++tree->entries;
-    dir_bytes += RoundUp(8 + name.size(), 4);
-    if (st.st_uid != 0 || st.st_gid != 0) {
-      if (tree->not_root_owned++ == 0) tree->not_root_example = child;
-    }
-    if (S_ISDIR(st.st_mode)) {
-      auto result = Walk(child, tree);
-      if (!result.ok()) return result;
-    } else if (S_ISREG(st.st_mode)) {
-      const uint64_t size = static_cast<uint64_t>(st.st_size);
-      tree->content_blocks += RoundUp(size, kFsBlockSize) / kFsBlockSize +
-                              size / kBytesPerExtentBlock;
-    } else if (S_ISLNK(st.st_mode)) {
-      if (static_cast<uint64_t>(st.st_size) >= kInlineSymlinkMax) ++tree->content_blocks;
-    }
-  }
-  uint64_t blocks = RoundUp(dir_bytes, kFsBlockSize) / kFsBlockSize;
-  if (blocks > 1) ++blocks;  // hashed-directory index block
-  tree->content_blocks += blocks;
-  return {};
-}
 
 }  // namespace
-
-Result<SourceTree> ScanSourceTree(const std::string& root) {
-  struct stat st;
-  if (stat(root.c_str(), &st) != 0) return ErrnoError() << "cannot stat " << root;
-  if (!S_ISDIR(st.st_mode)) return Error() << root << " is not a directory";
-  SourceTree tree;
-  auto result = Walk(root, &tree);
-  if (!result.ok()) return result.error();
-  return tree;
-}
 
 uint64_t InodeCount(const SourceTree& tree) {
   // 11 reserved inodes, the root, lost+found, then slack.
@@ -105,8 +49,8 @@ Result<Mke2fsOutcome> RunMke2fs(const Mke2fsRequest& request) {
     extended += ",hash_seed=" + *request.uuid;
   }
   if (request.fixed_time) env.push_back("E2FSPROGS_FAKE_TIME=" + std::to_string(*request.fixed_time));
-  argv.insert(argv.end(), {"-E", extended, "-d", request.source_dir, request.output_file,
-                           std::to_string(request.blocks)});
+  argv.insert(argv.end(), {"-E", extended, "-d", PathArgument(request.source_dir),
+                           PathArgument(request.output_file), std::to_string(request.blocks)});
 
   auto run = RunProcess(argv, env);
   if (!run.ok()) return run.error();

@@ -12,9 +12,6 @@
 
 namespace rpktool {
 
-inline constexpr char kConfigEntryName[] = "config.txt";
-inline constexpr char kImageEntryName[] = "update_payload.img";
-
 struct ZipMemberInfo {
   std::string name;
   uint16_t method = 0;        // 0 stored, 8 deflated

@@ -1,21 +1,23 @@
 #pragma once
 
-// Everything `info` shows about a package, as one JSON value, and its
-// rendering as text.
+// The parts of the info and verify reports that both show.
 
-#include <json/json.h>
-
+#include <cstdint>
 #include <string>
+#include <vector>
 
-#include "image_metadata.h"
-#include "package_reader.h"
+#include "package_verifier.h"
+#include "report.h"
 
 namespace rpktool {
 
-Json::Value DescribePackage(const PackageFile& package, const ImageMetadata* metadata);
-std::string RenderPackageText(const Json::Value& report);
+Json::Value U64(uint64_t value);
+// Hex digest of `data` with hash `name` ("sha1", "sha256").
+std::string DigestHex(const char* name, const std::vector<uint8_t>& data);
 
-// Key fields of a hashtree descriptor under the names info --json uses.
-Json::Value DescribeHashtree(const HashtreeDescriptor& descriptor);
+// The config's values as the daemon sees them, its errors and warnings.
+void AddConfig(const Inspection& inspection, Report* report);
+// Other reasons for refusal and what could not be checked.
+void AddProblems(const Inspection& inspection, Report* report);
 
 }  // namespace rpktool

@@ -59,9 +59,8 @@ class StoredZipWriter {
   std::vector<Member> members_;
 };
 
-// CRC-32 of a file range, or of `count` zero bytes.
+// CRC-32 of `size` bytes, continuing `crc`.
 uint32_t Crc32(uint32_t crc, const uint8_t* data, size_t size);
-uint32_t Crc32Zeros(uint32_t crc, uint64_t count);
 // CRC of A||B from the CRCs of A and B and the length of B.
 uint32_t Crc32Combine(uint32_t crc_a, uint32_t crc_b, uint64_t length_b);
 
