@@ -31,7 +31,7 @@ class Checker {
   void Error(const std::string& message) { config_->issues.push_back({true, message}); }
   void Warn(const std::string& message) { config_->issues.push_back({strict_, message}); }
 
-  bool CheckBytes(const std::string& text);
+  void CheckBytes(const std::string& text);
   void ReadLines(const std::string& text);
   void CheckName();
   void CheckNumbers();
@@ -44,8 +44,8 @@ class Checker {
 };
 
 // Every byte is text: no NUL, no other control character than the line
-// feed, valid UTF-8. False when one is not.
-bool Checker::CheckBytes(const std::string& text) {
+// feed, valid UTF-8. Reports the first that is not.
+void Checker::CheckBytes(const std::string& text) {
   int line = 1;
   for (size_t i = 0; i < text.size();) {
     const unsigned char c = static_cast<unsigned char>(text[i]);
@@ -57,16 +57,15 @@ bool Checker::CheckBytes(const std::string& text) {
       Error(where + "control character " + code +
             (c == '\r' ? " (CR line endings?); the daemon keeps it as part of the value"
                        : "; the daemon keeps it as part of the value"));
-      return false;
+      return;
     }
     const size_t length = Utf8Length(text, i);
     if (length == 0) {
       Error(where + "bytes that are not UTF-8");
-      return false;
+      return;
     }
     i += length;
   }
-  return true;
 }
 
 void Checker::ReadLines(const std::string& text) {
@@ -194,7 +193,7 @@ std::vector<std::string> PackageConfig::ModulePaths() const {
 PackageConfig CheckPackageConfig(const std::string& text, bool strict) {
   PackageConfig config;
   Checker checker(&config, strict);
-  if (!checker.CheckBytes(text)) return config;
+  checker.CheckBytes(text);
   checker.ReadLines(text);
   if (config.values.empty()) {
     checker.Error("config.txt defines nothing; the daemon ignores the package");
