@@ -3,6 +3,7 @@
 // followed by the partition name, the salt and the digest, padded to 8.
 #include <algorithm>
 #include <cstring>
+#include <tuple>
 
 #include "avb_format.h"
 #include "byte_order.h"
@@ -116,7 +117,13 @@ std::vector<DescriptorSpan> WalkDescriptors(const uint8_t* vbmeta, size_t size) 
 }
 
 bool HashtreeDescriptor::operator==(const HashtreeDescriptor& o) const {
-  return WriteHashtreeDescriptor(*this) == WriteHashtreeDescriptor(o);
+  auto fields = [](const HashtreeDescriptor& d) {
+    return std::tie(d.dm_verity_version, d.image_size, d.tree_offset, d.tree_size,
+                    d.data_block_size, d.hash_block_size, d.fec_num_roots, d.fec_offset,
+                    d.fec_size, d.hash_algorithm, d.flags, d.partition_name, d.salt,
+                    d.root_digest);
+  };
+  return fields(*this) == fields(o);
 }
 
 std::vector<uint8_t> WriteHashtreeDescriptor(const HashtreeDescriptor& d) {
@@ -158,7 +165,8 @@ std::optional<HashtreeDescriptor> ReadHashtreeDescriptor(const uint8_t* p, size_
 }
 
 bool HashDescriptor::operator==(const HashDescriptor& o) const {
-  return WriteHashDescriptor(*this) == WriteHashDescriptor(o);
+  return std::tie(image_size, hash_algorithm, flags, partition_name, salt, digest) ==
+         std::tie(o.image_size, o.hash_algorithm, o.flags, o.partition_name, o.salt, o.digest);
 }
 
 std::vector<uint8_t> WriteHashDescriptor(const HashDescriptor& d) {

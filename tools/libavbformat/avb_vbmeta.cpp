@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <tuple>
 
 #include "avb_format.h"
 #include "byte_order.h"
@@ -85,7 +86,15 @@ std::optional<Footer> ReadFooter(const uint8_t* bytes) {
 }
 
 bool VbmetaHeader::operator==(const VbmetaHeader& o) const {
-  return WriteVbmetaHeader(*this) == WriteVbmetaHeader(o);
+  auto fields = [](const VbmetaHeader& h) {
+    return std::tie(h.required_major, h.required_minor, h.auth_block_size, h.aux_block_size,
+                    h.algorithm_type, h.hash_offset, h.hash_size, h.signature_offset,
+                    h.signature_size, h.public_key_offset, h.public_key_size,
+                    h.public_key_metadata_offset, h.public_key_metadata_size,
+                    h.descriptors_offset, h.descriptors_size, h.rollback_index, h.flags,
+                    h.rollback_index_location, h.release_string);
+  };
+  return fields(*this) == fields(o);
 }
 
 std::array<uint8_t, kVbmetaHeaderSize> WriteVbmetaHeader(const VbmetaHeader& h) {
