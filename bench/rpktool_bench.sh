@@ -88,6 +88,7 @@ measure_hash_limit() {
 
 package=$work/pkg.zip
 for ((r = 0; r < rounds; ++r)); do
+  rm -f "$package"  # as the other tools, make writes a new file
   time_step make "$tool" make --config "$work/config.txt" --root "$root" --key "$key" \
     --output "$package" --partition-size "${size_mib}M" --quiet
 done

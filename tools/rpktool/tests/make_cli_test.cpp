@@ -6,7 +6,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <android-base/strings.h>
+
 #include <filesystem>
+#include <sstream>
 
 #include "tool_test_util.h"
 
@@ -252,10 +255,19 @@ TEST(Make, StrictTurnsWarningsIntoErrors) {
 }
 
 TEST(Cli, HelpVersionUsageErrorsAndCompletion) {
+  const std::string manual = ReadWholeFile(SourcePath("man/rpktool.1"));
   for (const std::string verb : {"make", "extract-public-key", "info", "verify"}) {
     const ProgramRun help = RunTool({verb, "--help"});
     EXPECT_EQ(help.exit_code, 0) << verb;
     EXPECT_TRUE(Contains(help.out, "usage: rpktool " + verb)) << help.out;
+    // The manual describes every option the verb has.
+    std::istringstream lines(help.out);
+    for (std::string line; std::getline(lines, line);) {
+      if (line.compare(0, 4, "  --") != 0) continue;
+      const std::string option = line.substr(4, line.find(' ', 4) - 4);
+      EXPECT_TRUE(Contains(manual, "\\-\\-" + android::base::StringReplace(option, "-", "\\-", true)))
+          << verb << " --" << option;
+    }
   }
   EXPECT_TRUE(Contains(RunTool({"--version"}).out, "rpktool "));
   struct Case {
