@@ -47,12 +47,11 @@ inline constexpr uint32_t kMinTreeBlockSize = 512;
 inline constexpr uint32_t kMaxTreeBlockSize = 1u << 20;
 inline constexpr uint64_t kMaxTreeDataSize = uint64_t{1} << 48;
 
-inline constexpr uint64_t kTagProperty = 0;
 inline constexpr uint64_t kTagHashtree = 1;
 inline constexpr uint64_t kTagHash = 2;
-inline constexpr uint64_t kTagKernelCmdline = 3;
-inline constexpr uint64_t kTagChainPartition = 4;
-const char* DescriptorTagName(uint64_t tag);  // "unknown" for other tags
+// "property", "hashtree", "hash", "kernel_cmdline", "chain_partition" or
+// "unknown".
+const char* DescriptorTagName(uint64_t tag);
 
 // The signing algorithms, by the header's algorithm_type.
 struct Algorithm {

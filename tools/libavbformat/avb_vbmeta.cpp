@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <tuple>
 
 #include "avb_format.h"
@@ -37,7 +38,7 @@ VbmetaCheck Invalid(VbmetaCheck check, const std::string& reason) {
 const char* DescriptorTagName(uint64_t tag) {
   static const char* const kNames[] = {"property", "hashtree", "hash", "kernel_cmdline",
                                        "chain_partition"};
-  return tag <= kTagChainPartition ? kNames[tag] : "unknown";
+  return tag < std::size(kNames) ? kNames[tag] : "unknown";
 }
 
 const Algorithm* FindAlgorithm(uint32_t type) {

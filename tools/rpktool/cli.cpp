@@ -1,7 +1,4 @@
 // Parsing, help and shell completion, all from the verb table.
-#include <cctype>
-#include <cerrno>
-#include <cstdlib>
 #include <sstream>
 
 #include "parallel.h"
@@ -30,16 +27,6 @@ std::string CompletionWords(Completion completion, const char* choices) {
 }
 
 }  // namespace
-
-bool ParseUnsigned(const std::string& text, int base, uint64_t max, uint64_t* out) {
-  if (text.empty() || !isxdigit(static_cast<unsigned char>(text[0]))) return false;
-  errno = 0;
-  char* end = nullptr;
-  const unsigned long long value = strtoull(text.c_str(), &end, base);
-  if (*end != '\0' || errno == ERANGE || value > max) return false;
-  *out = value;
-  return true;
-}
 
 bool ParseJobs(const Arguments& args, unsigned* threads, Report* report) {
   *threads = DefaultThreadCount();

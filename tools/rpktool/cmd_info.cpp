@@ -3,9 +3,9 @@
 
 #include <cstdio>
 
-#include "hex.h"
+#include "parse.h"
 #include "mend_mount.h"
-#include "package_report.h"
+#include "package_verifier.h"
 #include "verbs.h"
 
 namespace rpktool {

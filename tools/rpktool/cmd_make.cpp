@@ -1,8 +1,9 @@
 #include <cstdlib>
 
 #include "ext4_image.h"
+#include "image_layout.h"
 #include "file_io.h"
-#include "hex.h"
+#include "parse.h"
 #include "output_file.h"
 #include "package_builder.h"
 #include "package_config.h"
@@ -52,10 +53,11 @@ bool ParseOptions(const Arguments& args, MakeRequest* request, Report* report) {
   }
   uint64_t value = 0;
   if (args.Has("partition-size")) {
-    if (!ParseSize(args.Get("partition-size"), &value) || value > kMaxZipSize ||
-        value % kFsBlockSize != 0) {
-      return bad("partition-size", "'" + args.Get("partition-size") +
-                                       "' is not a multiple of 4096 bytes below 4 GiB");
+    if (!ParseSize(args.Get("partition-size"), &value)) {
+      return bad("partition-size", "'" + args.Get("partition-size") + "' is not a size");
+    }
+    if (auto checked = CheckPartitionSize(value); !checked.ok()) {
+      return bad("partition-size", checked.error().message());
     }
     request->partition_size = value;
   }

@@ -1,7 +1,7 @@
 #include <android-base/logging.h>
 
-#include "hex.h"
-#include "package_report.h"
+#include "parse.h"
+#include "package_verifier.h"
 #include "verbs.h"
 
 namespace rpktool {

@@ -17,6 +17,8 @@ namespace {
 // Bytes the image needs beyond the filesystem and its tree.
 uint64_t TailSize(uint64_t vbmeta_size) { return RoundUp(vbmeta_size, kFsBlockSize) + kFsBlockSize; }
 
+}  // namespace
+
 Result<void> CheckPartitionSize(uint64_t partition_size) {
   if (partition_size % kFsBlockSize != 0) {
     return Error() << "partition size " << partition_size << " is not a multiple of "
@@ -28,8 +30,6 @@ Result<void> CheckPartitionSize(uint64_t partition_size) {
   }
   return {};
 }
-
-}  // namespace
 
 Result<ImageLayout> LayoutImage(uint64_t fs_blocks, uint32_t digest_size, uint64_t vbmeta_size,
                                 std::optional<uint64_t> partition_size) {

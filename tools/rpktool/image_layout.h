@@ -30,6 +30,9 @@ android::base::Result<ImageLayout> LayoutImage(uint64_t fs_blocks, uint32_t dige
                                                uint64_t vbmeta_size,
                                                std::optional<uint64_t> partition_size);
 
+// A partition size is a multiple of the block size a zip can hold.
+android::base::Result<void> CheckPartitionSize(uint64_t partition_size);
+
 // The most filesystem blocks that fit a partition of `partition_size` bytes.
 android::base::Result<uint64_t> MaxFsBlocks(uint64_t partition_size, uint32_t digest_size,
                                             uint64_t vbmeta_size);

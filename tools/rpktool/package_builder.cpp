@@ -10,7 +10,7 @@
 #include "ext4_image.h"
 #include "file_io.h"
 #include "hash_tree_builder.h"
-#include "hex.h"
+#include "parse.h"
 #include "mend_paths.h"
 #include "output_file.h"
 #include "progress.h"
@@ -125,7 +125,7 @@ Result<void> CreateFilesystem(const MakeRequest& request, const std::string& fil
     result->layout = *layout;
     mke2fs.blocks = fs_blocks;
     auto outcome = [&] {
-      StatusLine status("creating the ext4 filesystem", layout->fs_size >= (64ull << 20));
+      Progress status("creating the ext4 filesystem", 0, layout->fs_size >= (64ull << 20));
       return RunMke2fs(mke2fs);
     }();
     if (!outcome.ok()) return outcome.error();
@@ -169,30 +169,20 @@ Result<std::vector<PathOverride>> ParseOverrides(const std::string& text) {
   std::istringstream lines(text);
   std::string line;
   for (int number = 1; std::getline(lines, line); ++number) {
-    const size_t start = line.find_first_not_of(" \t");
-    if (start == std::string::npos || line[start] == '#') continue;
-    // The path may hold blanks; the three numbers come last.
-    std::istringstream fields(line);
-    std::vector<std::string> words;
-    for (std::string word; fields >> word;) words.push_back(word);
-    PathOverride entry;
-    char* end = nullptr;
-    bool ok = words.size() >= 4;
-    if (ok) {
-      const size_t numbers = line.rfind(words[words.size() - 3]);
-      entry.path = line.substr(start, line.find_last_not_of(" \t", numbers - 1) + 1 - start);
-      entry.fields.uid = static_cast<uint32_t>(strtoul(words[words.size() - 3].c_str(), &end, 10));
-      ok = *end == '\0';
-      entry.fields.gid = static_cast<uint32_t>(strtoul(words[words.size() - 2].c_str(), &end, 10));
-      ok = ok && *end == '\0';
-      entry.fields.mode = static_cast<uint32_t>(strtoul(words.back().c_str(), &end, 8));
-      ok = ok && *end == '\0' && entry.fields.mode <= 07777 && entry.path[0] == '/';
-    }
-    if (!ok) {
+    std::istringstream fields(line.substr(0, line.find('#')));
+    std::string path, uid, gid, mode, extra;
+    if (!(fields >> path)) continue;
+    uint64_t values[3];
+    if (!(fields >> uid >> gid >> mode) || (fields >> extra) || path[0] != '/' ||
+        !ParseUnsigned(uid, 10, UINT32_MAX, &values[0]) ||
+        !ParseUnsigned(gid, 10, UINT32_MAX, &values[1]) ||
+        !ParseUnsigned(mode, 8, 07777, &values[2])) {
       return Error() << "line " << number << " is not 'PATH UID GID MODE' with an absolute PATH "
                      << "and an octal MODE";
     }
-    overrides.push_back(entry);
+    overrides.push_back({path, {static_cast<uint32_t>(values[0]),
+                                static_cast<uint32_t>(values[1]),
+                                static_cast<uint32_t>(values[2])}});
   }
   return overrides;
 }

@@ -16,7 +16,7 @@
 #include "image_layout.h"
 #include "report.h"
 #include "rsa_key.h"
-#include "source_tree.h"
+#include "ext4_image.h"
 
 namespace rpktool {
 
@@ -28,7 +28,8 @@ struct PathOverride {
   std::string path;
   InodeOverride fields;
 };
-// Lines "PATH UID GID MODE" (MODE octal); blank lines and '#' comments skipped.
+// Lines "PATH UID GID MODE" (MODE octal, PATH without blanks); '#' starts a
+// comment.
 android::base::Result<std::vector<PathOverride>> ParseOverrides(const std::string& text);
 
 struct MakeRequest {

@@ -7,6 +7,7 @@
 // `verify` also checks every block of the hash tree and the data.
 
 #include <android-base/result.h>
+#include <json/json.h>
 
 #include <cstdint>
 #include <optional>
@@ -18,6 +19,7 @@
 #include "mend_mount_file.h"
 #include "package_config.h"
 #include "package_reader.h"
+#include "report.h"
 
 namespace rpktool {
 
@@ -43,6 +45,17 @@ struct Inspection {
 android::base::Result<Inspection> InspectPackage(
     const std::string& path, const std::optional<std::vector<uint8_t>>& trusted_key,
     bool strict);
+
+// Parts of the info and verify reports that both show.
+Json::Value U64(uint64_t value);
+// Hex digest of `data` with hash `name` ("sha1", "sha256").
+std::string DigestHex(const char* name, const std::vector<uint8_t>& data);
+
+// The config's values as the daemon sees them, its errors and warnings.
+void AddConfig(const Inspection& inspection, Report* report);
+// Other reasons for refusal and what could not be checked.
+void AddProblems(const Inspection& inspection, Report* report);
+
 
 // A trusted key from a file: a key blob as the device stores it, or a PEM
 // RSA key (converted to its blob).

@@ -26,7 +26,6 @@ class RsaKey {
   uint32_t bits() const { return bits_; }
   bool has_private_key() const { return has_private_; }
   // The blob a vbmeta block embeds and a device trusts.
-  const avbformat::PublicKey& public_key() const { return public_key_; }
   std::vector<uint8_t> public_key_blob() const { return avbformat::WritePublicKey(public_key_); }
 
   // The algorithm's hash of `data` and its PKCS#1 v1.5 signature.

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "parse.h"
 #include "report.h"
 
 namespace rpktool {
@@ -56,9 +57,6 @@ void RunExtractPublicKey(const Arguments& args, Report* report);
 void RunInfo(const Arguments& args, Report* report);
 void RunVerify(const Arguments& args, Report* report);
 
-// `text` as a number in `base` no larger than `max`: digits only, no sign
-// or blanks.
-bool ParseUnsigned(const std::string& text, int base, uint64_t max, uint64_t* out);
 // --jobs, or the number of online CPUs.
 bool ParseJobs(const Arguments& args, unsigned* threads, Report* report);
 

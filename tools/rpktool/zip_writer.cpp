@@ -92,27 +92,31 @@ void StoredZipWriter::SetCrc(const std::string& name, uint32_t crc) {
   }
 }
 
+// The fields local and central headers share, from "version needed" to the
+// name's length (flags and method stay 0: stored).
+void StoredZipWriter::PutCommonFields(uint8_t* p, const Member& m) const {
+  PutLe(p, 2, kVersionNeededStored);
+  PutLe(p + 6, 2, dos_time_);
+  PutLe(p + 8, 2, dos_date_);
+  PutLe(p + 10, 4, m.crc);
+  PutLe(p + 14, 4, m.size);
+  PutLe(p + 18, 4, m.size);
+  PutLe(p + 22, 2, m.name.size());
+}
+
 std::vector<uint8_t> StoredZipWriter::LocalHeader(const Member& m) const {
   const size_t extra = m.data_offset - m.header_offset - kLocalHeaderSize - m.name.size();
   std::vector<uint8_t> out(kLocalHeaderSize + m.name.size() + extra, 0);
   uint8_t* p = out.data();
   PutLe(p, 4, kLocalHeaderSignature);
-  PutLe(p + 4, 2, kVersionNeededStored);
-  PutLe(p + 6, 2, 0);  // flags
-  PutLe(p + 8, 2, 0);  // method: stored
-  PutLe(p + 10, 2, dos_time_);
-  PutLe(p + 12, 2, dos_date_);
-  PutLe(p + 14, 4, m.crc);
-  PutLe(p + 18, 4, static_cast<uint32_t>(m.size));
-  PutLe(p + 22, 4, static_cast<uint32_t>(m.size));
-  PutLe(p + 26, 2, static_cast<uint16_t>(m.name.size()));
-  PutLe(p + 28, 2, static_cast<uint16_t>(extra));
+  PutCommonFields(p + 4, m);
+  PutLe(p + 28, 2, extra);
   std::copy(m.name.begin(), m.name.end(), p + kLocalHeaderSize);
   if (extra >= kAlignmentExtraMinSize) {
     uint8_t* field = p + kLocalHeaderSize + m.name.size();
     PutLe(field, 2, kAlignmentExtraId);
-    PutLe(field + 2, 2, static_cast<uint16_t>(extra - 4));
-    PutLe(field + 4, 2, static_cast<uint16_t>(std::min<uint32_t>(m.alignment, 0xffff)));
+    PutLe(field + 2, 2, extra - 4);
+    PutLe(field + 4, 2, std::min<uint32_t>(m.alignment, 0xffff));
   }
   return out;
 }
@@ -128,26 +132,19 @@ Result<void> StoredZipWriter::Finish() {
     uint8_t* p = entry.data();
     PutLe(p, 4, kCentralHeaderSignature);
     PutLe(p + 4, 2, kVersionMadeByUnix);
-    PutLe(p + 6, 2, kVersionNeededStored);
-    PutLe(p + 10, 2, 0);  // method: stored
-    PutLe(p + 12, 2, dos_time_);
-    PutLe(p + 14, 2, dos_date_);
-    PutLe(p + 16, 4, m.crc);
-    PutLe(p + 20, 4, static_cast<uint32_t>(m.size));
-    PutLe(p + 24, 4, static_cast<uint32_t>(m.size));
-    PutLe(p + 28, 2, static_cast<uint16_t>(m.name.size()));
+    PutCommonFields(p + 6, m);
     PutLe(p + 38, 4, kRegularFileMode << 16);
-    PutLe(p + 42, 4, static_cast<uint32_t>(m.header_offset));
+    PutLe(p + 42, 4, m.header_offset);
     std::copy(m.name.begin(), m.name.end(), p + kCentralHeaderSize);
     directory.insert(directory.end(), entry.begin(), entry.end());
   }
   const uint64_t directory_offset = end_;
   std::vector<uint8_t> tail(kEndOfCentralDirectorySize, 0);
   PutLe(tail.data(), 4, kEndOfCentralDirectorySignature);
-  PutLe(tail.data() + 8, 2, static_cast<uint16_t>(members_.size()));
-  PutLe(tail.data() + 10, 2, static_cast<uint16_t>(members_.size()));
-  PutLe(tail.data() + 12, 4, static_cast<uint32_t>(directory.size()));
-  PutLe(tail.data() + 16, 4, static_cast<uint32_t>(directory_offset));
+  PutLe(tail.data() + 8, 2, members_.size());
+  PutLe(tail.data() + 10, 2, members_.size());
+  PutLe(tail.data() + 12, 4, directory.size());
+  PutLe(tail.data() + 16, 4, directory_offset);
   directory.insert(directory.end(), tail.begin(), tail.end());
   if (directory_offset + directory.size() > kMaxZipSize) {
     return Error() << "the archive would exceed 4 GiB, which plain zip cannot hold";

@@ -14,7 +14,7 @@
 #include "hash_tree_checker.h"
 #include "tool_test_util.h"
 #include "hash_tree_geometry.h"
-#include "hex.h"
+#include "parse.h"
 
 namespace rpktool {
 namespace {

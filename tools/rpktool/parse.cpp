@@ -1,4 +1,8 @@
-#include "hex.h"
+#include "parse.h"
+
+#include <cctype>
+#include <cerrno>
+#include <cstdlib>
 
 namespace rpktool {
 
@@ -25,6 +29,16 @@ Result<std::vector<uint8_t>> ParseHex(std::string_view text) {
     out[i / 2] = static_cast<uint8_t>(out[i / 2] << 4 | value);
   }
   return out;
+}
+
+bool ParseUnsigned(const std::string& text, int base, uint64_t max, uint64_t* out) {
+  if (text.empty() || !isxdigit(static_cast<unsigned char>(text[0]))) return false;
+  errno = 0;
+  char* end = nullptr;
+  const unsigned long long value = strtoull(text.c_str(), &end, base);
+  if (*end != '\0' || errno == ERANGE || value > max) return false;
+  *out = value;
+  return true;
 }
 
 }  // namespace rpktool
