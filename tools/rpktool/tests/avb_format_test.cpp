@@ -1,7 +1,7 @@
 // The image format library's writers against the reference packages: from
 // the same inputs, key blobs, vbmeta blocks and whole images come out byte
-// for byte as the reference tooling made them, and what the readers take
-// from them the writers give back.
+// for byte as the reference tooling made them. (The round trip of readers
+// and writers is the fuzzer's.)
 
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
@@ -78,36 +78,6 @@ void ExpectImageRebuilt(const std::string& name, const std::string& key_name) {
 TEST(ImageAssembly, RebuildsFixtureImagesByteForByte) {
   ExpectImageRebuilt("valid_2048", "rsa2048");
   ExpectImageRebuilt("valid_sha512", "rsa4096");
-}
-
-// What the readers take from every fixture, written again, reads back the
-// same; the footer and the key blob come back byte for byte.
-TEST(FormatRoundTrip, ReadersAndWritersAgreeOnEveryFixture) {
-  for (const std::string name : {"valid_2048", "valid_sha512", "hash_descriptor_only", "unsigned"}) {
-    SCOPED_TRACE(name);
-    const FixtureImage fixture = LoadFixtureImage(name);
-    const auto footer = avbformat::WriteFooter(*fixture.meta.footer);
-    EXPECT_TRUE(std::equal(footer.begin(), footer.end(), fixture.image.end() - 64));
-    const auto header = avbformat::WriteVbmetaHeader(fixture.meta.check->header);
-    EXPECT_EQ(avbformat::DecodeVbmetaHeader(header.data()), fixture.meta.check->header);
-    for (const DescriptorInfo& info : fixture.meta.descriptors) {
-      ASSERT_TRUE(info.hashtree || info.hash);
-      const auto bytes = info.hashtree ? avbformat::WriteHashtreeDescriptor(*info.hashtree)
-                                       : avbformat::WriteHashDescriptor(*info.hash);
-      EXPECT_EQ(bytes.size(), info.size);
-      if (info.hashtree) {
-        EXPECT_EQ(avbformat::ReadHashtreeDescriptor(bytes.data(), bytes.size()), info.hashtree);
-      } else {
-        EXPECT_EQ(avbformat::ReadHashDescriptor(bytes.data(), bytes.size()), info.hash);
-      }
-    }
-    const std::vector<uint8_t>& key = fixture.meta.public_key;
-    if (key.empty()) continue;
-    EXPECT_EQ(avbformat::WritePublicKey(*avbformat::ReadPublicKey(key.data(), key.size())), key);
-    EXPECT_EQ(avbformat::PublicKeyForModulus(avbformat::ReadPublicKey(key.data(), key.size())->modulus)
-                  ->n0inv,
-              avbformat::ReadPublicKey(key.data(), key.size())->n0inv);
-  }
 }
 
 TEST(RsaKeyLoading, RefusesWhatCannotSign) {

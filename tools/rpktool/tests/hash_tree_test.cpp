@@ -158,70 +158,56 @@ TreeCheckResult Check(const TestImage& image, unsigned threads = 2) {
   return result.ok() ? *result : TreeCheckResult{};
 }
 
-TEST(HashTreeChecker, AcceptsAnIntactImageAndCountsZeroBlocks) {
-  TempDir dir;
-  TestImage image = MakeImage(dir, 1500, "sha256");
-  TreeCheckResult result = Check(image);
-  EXPECT_FALSE(result.bad_block.has_value()) << DescribeBadBlock(*result.bad_block);
-  EXPECT_EQ(result.data_blocks, 1500u);
-  EXPECT_EQ(result.zero_blocks, 300u);  // every fifth block
-}
-
-TEST(HashTreeChecker, NamesTheFirstBadDataBlockAndItsKind) {
-  TempDir dir;
-  TestImage image = MakeImage(dir, 1500, "sha512");
-  FlipByte(image.path, image.offset + 1400 * 4096 + 7);  // data
-  FlipByte(image.path, image.offset + 1234 * 4096 + 4095);  // data, found first
-  for (unsigned threads : {1u, 2u, 5u}) {
-    TreeCheckResult result = Check(image, threads);
-    ASSERT_TRUE(result.bad_block.has_value());
-    EXPECT_TRUE(result.bad_block->is_data);
-    EXPECT_EQ(result.bad_block->index, 1234u) << threads << " threads";
-    EXPECT_EQ(result.bad_block->image_offset, 1234u * 4096);
-    EXPECT_FALSE(result.bad_block->zero_at_signing);
+// Images with bytes flipped in data or tree blocks: the first bad block in
+// tree order (top level first, then data), whatever the thread count.
+TEST(HashTreeChecker, NamesTheFirstBadBlockAndItsKind) {
+  struct Flip {
+    int level;  // -1: a data block
+    uint64_t block;
+    uint32_t byte;
+  };
+  struct Case {
+    const char* what;
+    uint64_t blocks;
+    const char* hash;
+    std::vector<Flip> flips;
+    bool is_data;
+    uint64_t index;
+    uint32_t level;
+    bool zero_at_signing;
+  } cases[] = {
+      {"two data blocks", 1500, "sha512", {{-1, 1400, 7}, {-1, 1234, 4095}}, true, 1234, 0, false},
+      {"a block of zeros", 1500, "sha256", {{-1, 8, 100}}, true, 8, 0, true},
+      // Three levels: 0 (79 blocks), 1 and 2 (the top).
+      {"level 0 before data", 5000, "sha512", {{-1, 0, 10}, {0, 3, 9}}, false, 3, 0, false},
+      {"the top level", 5000, "sha512", {{2, 0, 5}}, false, 0, 2, false},
+      {"a single block", 1, "sha256", {{-1, 0, 4000}}, true, 0, 0, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    TempDir dir;
+    TestImage image = MakeImage(dir, c.blocks, c.hash);
+    TreeCheckResult intact = Check(image);
+    EXPECT_FALSE(intact.bad_block.has_value());
+    EXPECT_EQ(intact.zero_blocks, c.blocks > 3 ? c.blocks / 5 : 0);  // every fifth block
+    auto block_offset = [&](int level, uint64_t block) {
+      return level < 0 ? block * 4096
+                       : image.params.tree_offset + image.layout.levels[level].offset + block * 4096;
+    };
+    for (const Flip& flip : c.flips) {
+      FlipByte(image.path, image.offset + block_offset(flip.level, flip.block) + flip.byte);
+    }
+    for (unsigned threads : {1u, 3u}) {
+      const TreeCheckResult result = Check(image, threads);
+      ASSERT_TRUE(result.bad_block.has_value());
+      const BadBlock& bad = *result.bad_block;
+      EXPECT_EQ(bad.is_data, c.is_data);
+      EXPECT_EQ(bad.index, c.index);
+      EXPECT_EQ(bad.zero_at_signing, c.zero_at_signing);
+      EXPECT_EQ(bad.image_offset, block_offset(c.is_data ? -1 : static_cast<int>(c.level), c.index));
+      EXPECT_EQ(bad.level, c.is_data ? 0 : c.level);
+    }
   }
-
-  TempDir zero_dir;
-  TestImage zero = MakeImage(zero_dir, 1500, "sha256");
-  FlipByte(zero.path, zero.offset + 8 * 4096 + 100);  // block 8 was all zeros
-  TreeCheckResult result = Check(zero);
-  ASSERT_TRUE(result.bad_block.has_value());
-  EXPECT_EQ(result.bad_block->index, 8u);
-  EXPECT_TRUE(result.bad_block->zero_at_signing);
-  EXPECT_NE(DescribeBadBlock(*result.bad_block).find("all zeros at signing"), std::string::npos);
-}
-
-TEST(HashTreeChecker, NamesBadTreeBlocksByLevelBeforeLookingAtData) {
-  TempDir dir;
-  TestImage image = MakeImage(dir, 5000, "sha512");  // levels: 0 (79 blocks), 1, 2 (top)
-  ASSERT_EQ(image.layout.levels.size(), 3u);
-  const uint64_t tree_start = image.offset + image.params.tree_offset;
-  const TreeLevel& level0 = image.layout.levels[0];
-  FlipByte(image.path, tree_start + level0.offset + 3 * 4096 + 9);
-  FlipByte(image.path, image.offset + 10);  // data block 0 too
-  TreeCheckResult result = Check(image);
-  ASSERT_TRUE(result.bad_block.has_value());
-  EXPECT_FALSE(result.bad_block->is_data);
-  EXPECT_EQ(result.bad_block->level, 0u);
-  EXPECT_EQ(result.bad_block->index, 3u);
-  EXPECT_EQ(result.bad_block->image_offset, image.params.tree_offset + level0.offset + 3 * 4096);
-
-  FlipByte(image.path, tree_start + 5);  // the top level's only block
-  result = Check(image);
-  ASSERT_TRUE(result.bad_block.has_value());
-  EXPECT_EQ(result.bad_block->level, 2u);
-  EXPECT_NE(DescribeBadBlock(*result.bad_block).find("root digest"), std::string::npos);
-}
-
-TEST(HashTreeChecker, SingleBlockImagesCompareWithTheRootDigest) {
-  TempDir dir;
-  TestImage image = MakeImage(dir, 1, "sha256");
-  EXPECT_FALSE(Check(image).bad_block.has_value());
-  FlipByte(image.path, image.offset + 4000);
-  auto result = Check(image);
-  ASSERT_TRUE(result.bad_block.has_value());
-  EXPECT_TRUE(result.bad_block->is_data);
-  EXPECT_EQ(result.bad_block->index, 0u);
 }
 
 TEST(HashTreeChecker, RefusesParametersThatDoNotDescribeTheImage) {
