@@ -1,20 +1,10 @@
 // The RSA public key blob: key size, n0inv, modulus and rr.
-#include <openssl/bn.h>
-
-#include <memory>
-
 #include "avb_format.h"
 #include "byte_order.h"
+#include "crypto_holders.h"
 
 namespace avbformat {
 namespace {
-
-template <typename T, void (*Free)(T*)>
-struct Deleter {
-  void operator()(T* p) const { Free(p); }
-};
-using BignumPtr = std::unique_ptr<BIGNUM, Deleter<BIGNUM, BN_free>>;
-using BnCtxPtr = std::unique_ptr<BN_CTX, Deleter<BN_CTX, BN_CTX_free>>;
 
 // -1/a mod 2^32 for odd a. Newton's iteration doubles the correct low bits
 // each round: a*a == 1 mod 8 gives 3 bits, five rounds give 96 >= 32.

@@ -1,7 +1,5 @@
 #include "rsa_key.h"
 
-#include <openssl/bio.h>
-#include <openssl/bn.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
@@ -18,25 +16,18 @@ namespace {
 // PEM keys are a few KiB; anything much larger is not one.
 constexpr size_t kMaxKeyFileSize = 64 * 1024;
 
-struct BioFree {
-  void operator()(BIO* bio) const { BIO_free(bio); }
-};
-struct MdCtxFree {
-  void operator()(EVP_MD_CTX* ctx) const { EVP_MD_CTX_free(ctx); }
-};
-
 }  // namespace
 
 Result<RsaKey> RsaKey::FromPem(const std::string& pem, const std::string& name) {
   auto read = [&pem](bool private_key) {
-    std::unique_ptr<BIO, BioFree> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+    avbformat::BioPtr bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
     EVP_PKEY* key = !bio ? nullptr
                     : private_key ? PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr)
                                   : PEM_read_bio_PUBKEY(bio.get(), nullptr, nullptr, nullptr);
-    return PkeyPtr(key);
+    return avbformat::PkeyPtr(key);
   };
   bool has_private = true;
-  PkeyPtr key = read(true);
+  avbformat::PkeyPtr key = read(true);
   if (!key) {
     key = read(false);
     has_private = false;
@@ -76,7 +67,7 @@ Result<avbformat::HashAndSignature> RsaKey::Sign(const avbformat::Algorithm& alg
   out.signature.resize(bits_ / 8);
   unsigned hash_size = 0;
   size_t signature_size = out.signature.size();
-  std::unique_ptr<EVP_MD_CTX, MdCtxFree> ctx(EVP_MD_CTX_new());
+  avbformat::MdCtxPtr ctx(EVP_MD_CTX_new());
   EVP_PKEY_CTX* pkey_ctx = nullptr;
   const bool ok =
       md && ctx && EVP_Digest(data.data(), data.size(), out.hash.data(), &hash_size, md, nullptr) &&

@@ -3,14 +3,12 @@
 // An RSA key read from PEM: what signing and the public key blob need.
 
 #include <android-base/result.h>
-#include <openssl/evp.h>
-
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "avb_format.h"
+#include "crypto_holders.h"
 
 namespace rpktool {
 
@@ -33,17 +31,13 @@ class RsaKey {
                                                           const std::vector<uint8_t>& data) const;
 
  private:
-  struct PkeyFree {
-    void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
-  };
-  using PkeyPtr = std::unique_ptr<EVP_PKEY, PkeyFree>;
-  RsaKey(PkeyPtr key, bool has_private, avbformat::PublicKey public_key)
+  RsaKey(avbformat::PkeyPtr key, bool has_private, avbformat::PublicKey public_key)
       : key_(std::move(key)),
         bits_(public_key.key_bits),
         has_private_(has_private),
         public_key_(std::move(public_key)) {}
 
-  PkeyPtr key_;
+  avbformat::PkeyPtr key_;
   uint32_t bits_;
   bool has_private_;
   avbformat::PublicKey public_key_;

@@ -1,23 +1,18 @@
 #include "avb_crypto.h"
 
-#include <openssl/bn.h>
 #include <openssl/err.h>
-#include <openssl/evp.h>
 
 #include <algorithm>
-#include <memory>
 #include <vector>
+
+#include "crypto_holders.h"
 
 namespace avb_standin {
 namespace {
 
-template <typename T, void (*Free)(T*)>
-struct Deleter {
-  void operator()(T* ptr) const { Free(ptr); }
-};
-using MdCtxPtr = std::unique_ptr<EVP_MD_CTX, Deleter<EVP_MD_CTX, EVP_MD_CTX_free>>;
-using BignumPtr = std::unique_ptr<BIGNUM, Deleter<BIGNUM, BN_free>>;
-using BnCtxPtr = std::unique_ptr<BN_CTX, Deleter<BN_CTX, BN_CTX_free>>;
+using avbformat::BignumPtr;
+using avbformat::BnCtxPtr;
+using avbformat::MdCtxPtr;
 
 // The DER DigestInfo that precedes a digest inside a PKCS#1 v1.5 signature.
 constexpr uint8_t kSha256DigestInfo[] = {0x30, 0x31, 0x30, 0x0d, 0x06, 0x09, 0x60,
