@@ -79,14 +79,8 @@ Result<ReadOnlyMapping> ReadOnlyMapping::Map(int fd, uint64_t offset, uint64_t s
   const size_t length = static_cast<size_t>(size + lead);
   void* base = mmap(nullptr, length, PROT_READ, MAP_SHARED, fd, static_cast<off_t>(start));
   if (base == MAP_FAILED) return ErrnoError() << "cannot map " << size << " bytes";
+  madvise(base, length, MADV_SEQUENTIAL);
   return ReadOnlyMapping(static_cast<uint8_t*>(base), length, lead);
-}
-
-void ReadOnlyMapping::Populate(uint64_t offset, uint64_t size) const {
-  const uint64_t page = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
-  const uint64_t start = (lead_ + offset) / page * page;
-  // Older kernels lack the advice; the pages then fault in as they are read.
-  madvise(base_ + start, static_cast<size_t>(lead_ + offset + size - start), MADV_POPULATE_READ);
 }
 
 ReadOnlyMapping::ReadOnlyMapping(ReadOnlyMapping&& other) noexcept

@@ -33,9 +33,6 @@ class ReadOnlyMapping {
 
   // The byte at `offset` of the file.
   const uint8_t* data() const { return base_ + lead_; }
-  // Faults in [offset, offset + size) of the mapped range in one call, so
-  // that reading it takes no page faults.
-  void Populate(uint64_t offset, uint64_t size) const;
 
  private:
   ReadOnlyMapping(uint8_t* base, size_t length, size_t lead)

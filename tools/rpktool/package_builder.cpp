@@ -40,13 +40,18 @@ std::string DerivedUuid(const MakeRequest& request, const std::vector<uint8_t>& 
 }
 
 // CRC-32 of the data area from per-piece CRCs computed out of order, each
-// piece by one worker into its own slot.
+// piece by one worker into its own slot. Free space is zeros, whose CRC is
+// known once.
 class PieceCrcs {
  public:
   explicit PieceCrcs(uint64_t data_size)
-      : data_size_(data_size), crcs_(data_size / kDataPieceSize + 1, 0) {}
+      : data_size_(data_size), crcs_(data_size / kDataPieceSize + 1, 0) {
+    const std::vector<uint8_t> zeros(kDataPieceSize, 0);
+    zeros_crc_ = Crc32(0, zeros.data(), zeros.size());
+  }
   void Add(uint64_t offset, const uint8_t* data, size_t size) {
-    crcs_[offset / kDataPieceSize] = Crc32(0, data, size);
+    const bool zeros = size == kDataPieceSize && IsAllZero(data, size);
+    crcs_[offset / kDataPieceSize] = zeros ? zeros_crc_ : Crc32(0, data, size);
   }
   uint32_t Combined() const {
     uint32_t crc = 0;
@@ -59,6 +64,7 @@ class PieceCrcs {
  private:
   uint64_t data_size_;
   std::vector<uint32_t> crcs_;
+  uint32_t zeros_crc_;
 };
 
 // The descriptor with everything but the tree's numbers and root digest,
