@@ -50,10 +50,6 @@ void RoundTripRead(const uint8_t* data, size_t size) {
       Require(memcmp(written.data() + kHashtreeDescriptorSize, at + kHashtreeDescriptorSize,
                      variable) == 0);
     }
-    if (const auto hash = ReadHashDescriptor(at, span.size)) {
-      const auto written = WriteHashDescriptor(*hash);
-      Require(ReadHashDescriptor(written.data(), written.size()) == hash);
-    }
   }
 }
 

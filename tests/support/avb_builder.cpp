@@ -115,8 +115,8 @@ std::string UnsignedVbmeta(const std::string& descriptors) {
 }
 
 VbmetaLayout LayoutOf(const std::string& vbmeta) {
-  const auto check = avbformat::CheckVbmeta(reinterpret_cast<const uint8_t*>(vbmeta.data()),
-                                           vbmeta.size());
+  const auto check =
+      avbformat::CheckVbmeta(reinterpret_cast<const uint8_t*>(vbmeta.data()), vbmeta.size());
   if (!check.ok()) Fail(check.reason);
   const avbformat::VbmetaHeader& header = check.header;
   return VbmetaLayout{header, header.auth_offset(), header.aux_offset(),

@@ -49,8 +49,8 @@ std::string UnsignedVbmeta(const std::string& descriptors);
 // Where the parts of a block built here lie, in bytes from its start.
 struct VbmetaLayout {
   avbformat::VbmetaHeader header;
-  size_t auth_offset;        // the hash, then the signature
-  size_t aux_offset;         // the descriptors, then the public key
+  size_t auth_offset;  // the hash, then the signature
+  size_t aux_offset;   // the descriptors, then the public key
   size_t public_key_offset;
 };
 VbmetaLayout LayoutOf(const std::string& vbmeta);

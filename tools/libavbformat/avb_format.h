@@ -35,7 +35,6 @@ inline constexpr size_t kDescriptorHeaderSize = 16;
 // Descriptors are sized in multiples of this.
 inline constexpr uint64_t kDescriptorAlignment = 8;
 inline constexpr size_t kHashtreeDescriptorSize = 180;  // the fixed part
-inline constexpr size_t kHashDescriptorSize = 132;      // the fixed part
 inline constexpr size_t kHashAlgorithmFieldSize = 32;
 inline constexpr size_t kPublicKeyHeaderSize = 8;  // key_num_bits, n0inv
 inline constexpr uint32_t kRsaPublicExponent = 65537;
@@ -48,7 +47,6 @@ inline constexpr uint32_t kMaxTreeBlockSize = 1u << 20;
 inline constexpr uint64_t kMaxTreeDataSize = uint64_t{1} << 48;
 
 inline constexpr uint64_t kTagHashtree = 1;
-inline constexpr uint64_t kTagHash = 2;
 // "property", "hashtree", "hash", "kernel_cmdline", "chain_partition" or
 // "unknown".
 const char* DescriptorTagName(uint64_t tag);
@@ -202,18 +200,6 @@ std::vector<uint8_t> WriteHashtreeDescriptor(const HashtreeDescriptor& descripto
 bool IsValidHashtreeDescriptor(const uint8_t* bytes);
 // The descriptor in the `size` bytes at `bytes` (a span of WalkDescriptors).
 std::optional<HashtreeDescriptor> ReadHashtreeDescriptor(const uint8_t* bytes, size_t size);
-
-struct HashDescriptor {
-  uint64_t image_size = 0;
-  std::string hash_algorithm;
-  uint32_t flags = 0;
-  std::string partition_name;
-  std::vector<uint8_t> salt;
-  std::vector<uint8_t> digest;
-  bool operator==(const HashDescriptor& other) const;
-};
-std::vector<uint8_t> WriteHashDescriptor(const HashDescriptor& descriptor);
-std::optional<HashDescriptor> ReadHashDescriptor(const uint8_t* bytes, size_t size);
 
 // ---- public key blob ------------------------------------------------------
 

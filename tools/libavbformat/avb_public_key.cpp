@@ -40,7 +40,9 @@ std::optional<PublicKey> ReadPublicKey(const uint8_t* blob, size_t size) {
   const size_t length = PublicKeyModulusLength(blob, size);
   if (length == 0) return std::nullopt;
   const uint8_t* modulus = blob + kPublicKeyHeaderSize;
-  return PublicKey{GetBe32(blob), GetBe32(blob + 4), {modulus, modulus + length},
+  return PublicKey{GetBe32(blob),
+                   GetBe32(blob + 4),
+                   {modulus, modulus + length},
                    {modulus + length, modulus + 2 * length}};
 }
 

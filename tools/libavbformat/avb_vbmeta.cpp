@@ -91,9 +91,9 @@ bool VbmetaHeader::operator==(const VbmetaHeader& o) const {
     return std::tie(h.required_major, h.required_minor, h.auth_block_size, h.aux_block_size,
                     h.algorithm_type, h.hash_offset, h.hash_size, h.signature_offset,
                     h.signature_size, h.public_key_offset, h.public_key_size,
-                    h.public_key_metadata_offset, h.public_key_metadata_size,
-                    h.descriptors_offset, h.descriptors_size, h.rollback_index, h.flags,
-                    h.rollback_index_location, h.release_string);
+                    h.public_key_metadata_offset, h.public_key_metadata_size, h.descriptors_offset,
+                    h.descriptors_size, h.rollback_index, h.flags, h.rollback_index_location,
+                    h.release_string);
   };
   return fields(*this) == fields(o);
 }
@@ -212,8 +212,8 @@ std::optional<std::vector<uint8_t>> WriteSignedVbmeta(const Algorithm& algorithm
                                                       const Signer& sign) {
   VbmetaHeader header;
   header.auth_block_size = VbmetaSize(algorithm, 0, 0) - kVbmetaHeaderSize;
-  header.aux_block_size = VbmetaSize(algorithm, descriptors.size(), public_key.size()) -
-                          header.aux_offset();
+  header.aux_block_size =
+      VbmetaSize(algorithm, descriptors.size(), public_key.size()) - header.aux_offset();
   header.algorithm_type = algorithm.type;
   header.hash_size = algorithm.hash_size;
   header.signature_offset = algorithm.hash_size;

@@ -26,15 +26,17 @@ Result<TreeLayout> ComputeTreeLayout(uint64_t data_size, uint32_t data_block_siz
                                      uint32_t hash_block_size, uint32_t digest_size) {
   if (!IsValidBlockSize(data_block_size) || !IsValidBlockSize(hash_block_size)) {
     return Error() << "block sizes " << data_block_size << "/" << hash_block_size
-                   << " are not powers of two between " << kMinTreeBlockSize
-                   << " and " << kMaxTreeBlockSize;
+                   << " are not powers of two between " << kMinTreeBlockSize << " and "
+                   << kMaxTreeBlockSize;
   }
   if (digest_size == 0 || NextPowerOfTwo(digest_size) > hash_block_size) {
     return Error() << "a " << digest_size << "-byte digest does not fit a " << hash_block_size
                    << "-byte hash block";
   }
   if (data_size == 0) return Error() << "the data area is empty";
-  if (data_size > kMaxTreeDataSize) return Error() << "a data area of " << data_size << " bytes is too large";
+  if (data_size > kMaxTreeDataSize) {
+    return Error() << "a data area of " << data_size << " bytes is too large";
+  }
 
   TreeLayout layout{};
   layout.data_size = data_size;

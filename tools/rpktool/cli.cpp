@@ -17,13 +17,11 @@ const OptionSpec* FindOption(const VerbSpec& verb, const std::string& name) {
 
 // Bash words that complete what follows `option`.
 std::string CompletionWords(Completion completion, const char* choices) {
-  switch (completion) {
-    case Completion::kFile: return "compgen -f -- \"$cur\"";
-    case Completion::kDirectory: return "compgen -d -- \"$cur\"";
-    case Completion::kChoices: return std::string("compgen -W \"") + choices + "\" -- \"$cur\"";
-    case Completion::kNone: break;
+  if (completion == Completion::kChoices) {
+    return std::string("compgen -W \"") + choices + "\" -- \"$cur\"";
   }
-  return "";
+  if (completion == Completion::kNone) return "";
+  return std::string("compgen ") + (completion == Completion::kFile ? "-f" : "-d") + " -- \"$cur\"";
 }
 
 }  // namespace
@@ -45,8 +43,8 @@ std::string Arguments::Get(const std::string& name) const {
   return it == values.end() ? std::string() : it->second;
 }
 
-bool ParseCommand(const VerbSpec& verb, const std::vector<std::string>& words,
-                  ParsedCommand* out, std::string* error) {
+bool ParseCommand(const VerbSpec& verb, const std::vector<std::string>& words, ParsedCommand* out,
+                  std::string* error) {
   Arguments& args = out->args;
   bool only_positionals = false;
   for (size_t i = 0; i < words.size(); ++i) {
@@ -106,7 +104,9 @@ std::string VerbHelp(const VerbSpec& verb) {
   for (const OptionSpec& option : verb.options) {
     out << "  --" << option.name << (option.metavar ? std::string(" ") + option.metavar : "")
         << "\n      ";
-    for (const char* c = option.help; *c; ++c) out << (*c == '\n' ? std::string("\n      ") : std::string(1, *c));
+    for (const char* c = option.help; *c; ++c) {
+      out << (*c == '\n' ? std::string("\n      ") : std::string(1, *c));
+    }
     out << "\n";
   }
   out << "  --help\n      Show this text.\n";

@@ -3,9 +3,9 @@
 
 #include <cstdio>
 
-#include "parse.h"
 #include "mend_mount.h"
 #include "package_verifier.h"
+#include "parse.h"
 #include "verbs.h"
 
 namespace rpktool {
@@ -97,13 +97,6 @@ void AddDescriptors(const ImageMetadata& meta, Report* report) {
         .Add("tag", "tag", U64(info.tag))
         .Add("size", "size", U64(info.size));
     // A hashtree descriptor's fields are under "hashtree".
-    if (info.hash) {
-      item.Add("image_size", "image size", U64(info.hash->image_size))
-          .Add("hash_algorithm", "hash algorithm", info.hash->hash_algorithm)
-          .Add("partition_name", "partition name", info.hash->partition_name)
-          .Add("salt", "salt", ToHex(info.hash->salt))
-          .Add("digest", "digest", ToHex(info.hash->digest));
-    }
   }
 }
 

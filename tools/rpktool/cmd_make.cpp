@@ -1,12 +1,13 @@
+#include <cctype>
 #include <cstdlib>
 
 #include "ext4_image.h"
-#include "image_layout.h"
 #include "file_io.h"
-#include "parse.h"
+#include "image_layout.h"
 #include "output_file.h"
 #include "package_builder.h"
 #include "package_config.h"
+#include "parse.h"
 #include "verbs.h"
 
 namespace rpktool {
@@ -20,17 +21,14 @@ constexpr uint64_t kMaxEpoch = (uint64_t{1} << 34) - 1;
 
 // Bytes, optionally with a K, M or G suffix (powers of 1024).
 bool ParseSize(const std::string& text, uint64_t* out) {
-  uint64_t unit = 1;
-  std::string digits = text;
-  switch (text.empty() ? '\0' : text.back()) {
-    case 'K': case 'k': unit = 1ull << 10; break;
-    case 'M': case 'm': unit = 1ull << 20; break;
-    case 'G': case 'g': unit = 1ull << 30; break;
-    default: break;
-  }
-  if (unit != 1) digits.pop_back();
+  const size_t power =
+      text.empty() ? std::string::npos : std::string("KMG").find(toupper(text.back()));
+  const uint64_t unit = power == std::string::npos ? 1 : uint64_t{1} << (10 * (power + 1));
   uint64_t value = 0;
-  if (!ParseUnsigned(digits, 10, UINT64_MAX / unit, &value)) return false;
+  if (!ParseUnsigned(unit == 1 ? text : text.substr(0, text.size() - 1), 10, UINT64_MAX / unit,
+                     &value)) {
+    return false;
+  }
   *out = value * unit;
   return true;
 }
@@ -44,7 +42,9 @@ bool ParseOptions(const Arguments& args, MakeRequest* request, Report* report) {
   };
   if (args.Has("algorithm")) {
     request->algorithm = avbformat::FindAlgorithm(args.Get("algorithm"));
-    if (!request->algorithm) return bad("algorithm", "unknown algorithm '" + args.Get("algorithm") + "'");
+    if (!request->algorithm) {
+      return bad("algorithm", "unknown algorithm '" + args.Get("algorithm") + "'");
+    }
   }
   if (args.Has("salt")) {
     auto salt = ParseHex(args.Get("salt"));
@@ -160,7 +160,8 @@ void RunMake(const Arguments& args, Report* report) {
     if (!text.ok()) return report->Fail(FailureKind::kInput, text.error().message());
     auto overrides = ParseOverrides(*text);
     if (!overrides.ok()) {
-      return report->Fail(FailureKind::kInput, args.Get("overrides") + ": " + overrides.error().message());
+      return report->Fail(FailureKind::kInput,
+                          args.Get("overrides") + ": " + overrides.error().message());
     }
     request.overrides = *overrides;
   }
@@ -175,8 +176,8 @@ void RunMake(const Arguments& args, Report* report) {
   if (!CheckInputs(args, config, request.tree, report)) return;
   if (tree->not_root_owned > 0 && !request.stamp.uid && !request.stamp.gid) {
     report->Warn(std::to_string(tree->not_root_owned) +
-                 " entries of the tree are not owned by root:root (e.g. " +
-                 tree->not_root_example + "); the image keeps their owners (see --owner, --group)");
+                 " entries of the tree are not owned by root:root (e.g. " + tree->not_root_example +
+                 "); the image keeps their owners (see --owner, --group)");
   }
 
   FailureKind kind;

@@ -1,7 +1,7 @@
 #include <android-base/logging.h>
 
-#include "parse.h"
 #include "package_verifier.h"
+#include "parse.h"
 #include "verbs.h"
 
 namespace rpktool {
@@ -41,8 +41,8 @@ std::string CheckTree(const Inspection& inspection, unsigned threads, Report* re
   } else {
     const PackageFile& zip = inspection.package;
     Progress progress("verifying", params.data_size);
-    auto checked = CheckHashTree(zip.fd.get(), zip.image->data_offset,
-                                 zip.image->uncompressed_size, params, threads, &progress);
+    auto checked = CheckHashTree(zip.fd.get(), zip.image->data_offset, zip.image->uncompressed_size,
+                                 params, threads, &progress);
     progress.Finish();
     if (!checked.ok()) {
       failure = "hash tree: " + checked.error().message();
@@ -58,7 +58,8 @@ std::string CheckTree(const Inspection& inspection, unsigned threads, Report* re
       }
     }
   }
-  tree.Add("ok", "ok", failure.empty()).Add("error", "error", failure.empty() ? Json::Value() : failure);
+  tree.Add("ok", "ok", failure.empty())
+      .Add("error", "error", failure.empty() ? Json::Value() : failure);
   return failure;
 }
 
@@ -88,8 +89,9 @@ void RunVerify(const Arguments& args, Report* report) {
       .Add("size", "size", U64(inspection->key.size()))
       .Add("sha256", "sha256", inspection->key.empty() ? "" : DigestHex("sha256", inspection->key));
   const avbformat::Algorithm* algorithm =
-      inspection->metadata.check ? avbformat::FindAlgorithm(inspection->metadata.check->header.algorithm_type)
-                                 : nullptr;
+      inspection->metadata.check
+          ? avbformat::FindAlgorithm(inspection->metadata.check->header.algorithm_type)
+          : nullptr;
   report->Section("avb", "signed metadata")
       .Add("ok", "accepted", inspection->avb_error.empty())
       .Add("error", "error", inspection->avb_error.empty() ? Json::Value() : inspection->avb_error)

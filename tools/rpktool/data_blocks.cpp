@@ -22,8 +22,8 @@ Result<void> ForEachDataPiece(int fd, uint64_t data_offset, const avbformat::Tre
   // cost is spread too. A file shorter than the area is read instead, so
   // that it gives an error and not SIGBUS.
   auto file_size = FileSize(fd);
-  const bool mappable = file_size.ok() && data_offset <= *file_size &&
-                        layout.data_size <= *file_size - data_offset;
+  const bool mappable =
+      file_size.ok() && data_offset <= *file_size && layout.data_size <= *file_size - data_offset;
   std::vector<std::unique_ptr<uint8_t[]>> buffers(std::max(threads, 1u));
   return ForEachChunk(
       layout.data_blocks, blocks_per_piece, threads, limit,

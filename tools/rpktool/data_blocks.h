@@ -27,8 +27,8 @@ using DataBlocksFunction = std::function<android::base::Result<void>(
 // `threads` workers; `data_bytes` is the part of a piece that came from the
 // file. `limit` (in blocks) stops the pass early as in ForEachChunk.
 android::base::Result<void> ForEachDataPiece(int fd, uint64_t data_offset,
-                                             const avbformat::TreeLayout& layout,
-                                             unsigned threads, std::atomic<uint64_t>* limit,
-                                             Progress* progress, const DataBlocksFunction& fn);
+                                             const avbformat::TreeLayout& layout, unsigned threads,
+                                             std::atomic<uint64_t>* limit, Progress* progress,
+                                             const DataBlocksFunction& fn);
 
 }  // namespace rpktool

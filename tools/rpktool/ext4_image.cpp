@@ -12,8 +12,8 @@
 
 namespace rpktool {
 
-using android::base::Error;
 using android::base::ErrnoError;
+using android::base::Error;
 using android::base::Result;
 using avbformat::RoundUp;
 
@@ -49,7 +49,8 @@ Result<void> Walk(const std::string& path, SourceTree* tree) {
       if (auto result = Walk(child, tree); !result.ok()) return result;
     } else if (S_ISREG(st.st_mode)) {
       const uint64_t size = static_cast<uint64_t>(st.st_size);
-      tree->content_blocks += RoundUp(size, kFsBlockSize) / kFsBlockSize + size / kBytesPerExtentBlock;
+      tree->content_blocks +=
+          RoundUp(size, kFsBlockSize) / kFsBlockSize + size / kBytesPerExtentBlock;
     } else if (S_ISLNK(st.st_mode)) {
       tree->content_blocks += static_cast<uint64_t>(st.st_size) >= kInlineSymlinkMax;
     }
@@ -59,7 +60,6 @@ Result<void> Walk(const std::string& path, SourceTree* tree) {
   tree->content_blocks += blocks;
   return {};
 }
-
 
 }  // namespace
 
@@ -91,7 +91,8 @@ uint64_t InodeCount(const SourceTree& tree) {
 }
 
 uint64_t EstimateFsBlocks(const SourceTree& tree) {
-  const uint64_t inode_table_blocks = RoundUp(InodeCount(tree) * kInodeSize, kFsBlockSize) / kFsBlockSize;
+  const uint64_t inode_table_blocks =
+      RoundUp(InodeCount(tree) * kInodeSize, kFsBlockSize) / kFsBlockSize;
   // Content plus 5% and 1 MiB of free room, lost+found and the inode tables.
   uint64_t blocks = tree.content_blocks + tree.content_blocks / 20 + 256 + 4 + inode_table_blocks;
   // Per group: two bitmaps, and at most a superblock and descriptor copy.
@@ -110,13 +111,15 @@ Result<Mke2fsOutcome> RunMke2fs(const Mke2fsRequest& request) {
                                    std::to_string(kFsBlockSize),
                                    // Package images are read-only: no journal, never resized,
                                    // no blocks reserved for root.
-                                   "-O", "^has_journal,^resize_inode", "-m", "0",
-                                   "-N", std::to_string(request.inodes), "-L", "update_payload"};
+                                   "-O", "^has_journal,^resize_inode", "-m", "0", "-N",
+                                   std::to_string(request.inodes), "-L", "update_payload"};
   if (request.uuid) {
     argv.insert(argv.end(), {"-U", *request.uuid});
     extended += ",hash_seed=" + *request.uuid;
   }
-  if (request.fixed_time) env.push_back("E2FSPROGS_FAKE_TIME=" + std::to_string(*request.fixed_time));
+  if (request.fixed_time) {
+    env.push_back("E2FSPROGS_FAKE_TIME=" + std::to_string(*request.fixed_time));
+  }
   argv.insert(argv.end(), {"-E", extended, "-d", PathArgument(request.source_dir),
                            PathArgument(request.output_file), std::to_string(request.blocks)});
 

@@ -14,10 +14,10 @@ namespace rpktool {
 inline constexpr uint32_t kFsBlockSize = 4096;
 
 struct SourceTree {
-  uint64_t entries = 0;           // files, directories, links, others (root excluded)
-  uint64_t content_blocks = 0;    // 4 KiB blocks of file data, directories and symlinks
-  uint64_t not_root_owned = 0;    // entries whose owner or group is not 0
-  std::string not_root_example;   // one such path, for the warning
+  uint64_t entries = 0;          // files, directories, links, others (root excluded)
+  uint64_t content_blocks = 0;   // 4 KiB blocks of file data, directories and symlinks
+  uint64_t not_root_owned = 0;   // entries whose owner or group is not 0
+  std::string not_root_example;  // one such path, for the warning
 };
 
 // Walks `root` without following symlinks. Fails if it is not a directory.

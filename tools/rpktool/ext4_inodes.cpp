@@ -36,10 +36,10 @@ constexpr int kMaxExtentDepth = 5;
 // Inode fields: offsets; fields at or past kOldInodeSize exist only when
 // the inode's extra size covers them.
 constexpr size_t kMode = 0x00, kUid = 0x02, kAtime = 0x08, kCtime = 0x0c, kMtime = 0x10,
-                 kGid = 0x18, kFlags = 0x20, kBlock = 0x28, kGeneration = 0x64,
-                 kUidHigh = 0x78, kGidHigh = 0x7a, kChecksumLow = 0x7c, kExtraSize = 0x80,
-                 kChecksumHigh = 0x82, kCtimeExtra = 0x84, kMtimeExtra = 0x88,
-                 kAtimeExtra = 0x8c, kCrtime = 0x90, kCrtimeExtra = 0x94;
+                 kGid = 0x18, kFlags = 0x20, kBlock = 0x28, kGeneration = 0x64, kUidHigh = 0x78,
+                 kGidHigh = 0x7a, kChecksumLow = 0x7c, kExtraSize = 0x80, kChecksumHigh = 0x82,
+                 kCtimeExtra = 0x84, kMtimeExtra = 0x88, kAtimeExtra = 0x8c, kCrtime = 0x90,
+                 kCrtimeExtra = 0x94;
 
 // The CRC-32C update (Castagnoli, reflected) ext4 uses, without the final
 // inversion.
@@ -59,7 +59,8 @@ uint32_t Crc32c(uint32_t crc, const uint8_t* data, size_t size) {
 
 bool HasField(const uint8_t* inode, size_t inode_size, size_t field, size_t width) {
   if (field < kOldInodeSize) return true;
-  return inode_size > kOldInodeSize && kOldInodeSize + GetLe(inode + kExtraSize, 2) >= field + width;
+  return inode_size > kOldInodeSize &&
+         kOldInodeSize + GetLe(inode + kExtraSize, 2) >= field + width;
 }
 
 // Seconds as ext4 stores them: the low 32 bits, and in the extra field two
@@ -136,9 +137,10 @@ Result<Ext4Inodes> Ext4Inodes::Open(int fd, uint64_t offset, uint64_t size) {
                 GetLe(d + 0x08, 4) | (wide ? GetLe(d + 0x28, 4) << 32 : 0), 0};
     const uint64_t unused = GetLe(d + 0x1c, 2) | (wide ? GetLe(d + 0x32, 2) << 16 : 0);
     if (!(GetLe(d + 0x12, 2) & kGroupInodesUninitialised)) {
-      group.used_inodes = counts_unused ? fs.inodes_per_group_ - static_cast<uint32_t>(
-                                              std::min<uint64_t>(unused, fs.inodes_per_group_))
-                                        : fs.inodes_per_group_;
+      group.used_inodes = counts_unused
+                              ? fs.inodes_per_group_ - static_cast<uint32_t>(std::min<uint64_t>(
+                                                           unused, fs.inodes_per_group_))
+                              : fs.inodes_per_group_;
     }
     const uint64_t table_blocks =
         (uint64_t{group.used_inodes} * fs.inode_size_ + fs.block_size_ - 1) / fs.block_size_;
@@ -165,9 +167,9 @@ Result<std::vector<uint8_t>> Ext4Inodes::ReadInode(uint32_t number) const {
     return Error() << "ext4 inode " << number << " does not exist";
   }
   std::vector<uint8_t> inode(inode_size_);
-  auto read = ReadAt(fd_, inode.data(), inode.size(),
-                     offset_ + groups_[group].inode_table * block_size_ +
-                         uint64_t{index} * inode_size_);
+  auto read =
+      ReadAt(fd_, inode.data(), inode.size(),
+             offset_ + groups_[group].inode_table * block_size_ + uint64_t{index} * inode_size_);
   if (!read.ok()) return read.error();
   return inode;
 }
@@ -296,8 +298,9 @@ Result<void> Ext4Inodes::Stamp(const InodeStamp& stamp,
       if (!used || (number != kRootInode && number < first_inode_)) continue;
       const bool has_high = HasField(inode, inode_size_, kChecksumHigh, 2);
       if (checksum_seed_) {
-        const uint32_t stored = static_cast<uint32_t>(
-            GetLe(inode + kChecksumLow, 2) | (has_high ? GetLe(inode + kChecksumHigh, 2) << 16 : 0));
+        const uint32_t stored =
+            static_cast<uint32_t>(GetLe(inode + kChecksumLow, 2) |
+                                  (has_high ? GetLe(inode + kChecksumHigh, 2) << 16 : 0));
         const uint32_t computed = Checksum(number, inode);
         if (stored != (has_high ? computed : computed & 0xffff)) {
           return Error() << "ext4 inode " << number << " has a checksum this tool cannot check";

@@ -9,8 +9,8 @@
 
 namespace rpktool {
 
-using android::base::Error;
 using android::base::ErrnoError;
+using android::base::Error;
 using android::base::Result;
 using android::base::unique_fd;
 
@@ -18,7 +18,9 @@ Result<void> ReadAt(int fd, void* data, size_t size, uint64_t offset) {
   auto* out = static_cast<uint8_t*>(data);
   while (size > 0) {
     const ssize_t n = TEMP_FAILURE_RETRY(pread(fd, out, size, static_cast<off_t>(offset)));
-    if (n < 0) return ErrnoError() << "read of " << size << " bytes at offset " << offset << " failed";
+    if (n < 0) {
+      return ErrnoError() << "read of " << size << " bytes at offset " << offset << " failed";
+    }
     if (n == 0) return Error() << "file ends before offset " << offset + size;
     out += n;
     size -= static_cast<size_t>(n);
@@ -38,7 +40,9 @@ Result<void> WriteAt(int fd, const void* data, size_t size, uint64_t offset) {
   const auto* in = static_cast<const uint8_t*>(data);
   while (size > 0) {
     const ssize_t n = TEMP_FAILURE_RETRY(pwrite(fd, in, size, static_cast<off_t>(offset)));
-    if (n < 0) return ErrnoError() << "write of " << size << " bytes at offset " << offset << " failed";
+    if (n < 0) {
+      return ErrnoError() << "write of " << size << " bytes at offset " << offset << " failed";
+    }
     in += n;
     size -= static_cast<size_t>(n);
     offset += static_cast<uint64_t>(n);
@@ -66,7 +70,9 @@ Result<std::string> ReadInput(const std::string& path, size_t max_size) {
   ssize_t n;
   while ((n = TEMP_FAILURE_RETRY(read(fd.get(), buffer, sizeof(buffer)))) > 0) {
     text.append(buffer, static_cast<size_t>(n));
-    if (text.size() > max_size) return Error() << name << " is larger than " << max_size << " bytes";
+    if (text.size() > max_size) {
+      return Error() << name << " is larger than " << max_size << " bytes";
+    }
   }
   if (n < 0) return ErrnoError() << "cannot read " << name;
   return text;

@@ -3,35 +3,12 @@
 #include <algorithm>
 
 #include "data_blocks.h"
-#include "parallel.h"
 
 namespace rpktool {
 
 using android::base::Result;
 using avbformat::TreeLayout;
 using avbformat::TreeLevel;
-
-namespace {
-
-// Fills level k+1 from level k, each level's blocks on all workers.
-void BuildUpperLevels(const TreeLayout& layout, const BlockHasher& hasher, unsigned threads,
-                      std::vector<uint8_t>& tree) {
-  for (size_t k = 0; k + 1 < layout.levels.size(); ++k) {
-    const TreeLevel& below = layout.levels[k];
-    const TreeLevel& above = layout.levels[k + 1];
-    (void)ForEachChunk(above.entries, 64, threads, nullptr,
-                       [&](unsigned, uint64_t begin, uint64_t end) -> Result<void> {
-                         for (uint64_t j = begin; j < end; ++j) {
-                           hasher.Hash(&tree[below.offset + j * layout.hash_block_size],
-                                       layout.hash_block_size,
-                                       &tree[above.offset + j * layout.slot_size]);
-                         }
-                         return {};
-                       });
-  }
-}
-
-}  // namespace
 
 Result<HashTree> BuildHashTree(int fd, uint64_t data_offset, const TreeLayout& layout,
                                const BlockHasher& hasher, unsigned threads, Progress* progress,
@@ -42,26 +19,25 @@ Result<HashTree> BuildHashTree(int fd, uint64_t data_offset, const TreeLayout& l
   const uint64_t level0 = layout.levels.empty() ? 0 : layout.levels[0].offset;
   const std::vector<uint8_t> zero_block(layout.data_block_size, 0);
   const std::vector<uint8_t> zero_digest = hasher.Hash(zero_block.data(), zero_block.size());
-  auto pass = ForEachDataPiece(
-      fd, data_offset, layout, threads, nullptr, progress,
-      [&](unsigned, uint64_t first, const uint8_t* blocks, uint64_t count,
-          uint64_t data_bytes) -> Result<void> {
-        if (observer) observer(first * layout.data_block_size, blocks, data_bytes);
-        if (layout.levels.empty()) {
-          first_block.assign(blocks, blocks + layout.data_block_size);
-          return {};
-        }
-        for (uint64_t i = 0; i < count; ++i) {
-          const uint8_t* block = blocks + i * layout.data_block_size;
-          uint8_t* slot = &result.tree[level0 + (first + i) * layout.slot_size];
-          if (IsAllZero(block, layout.data_block_size)) {
-            std::copy(zero_digest.begin(), zero_digest.end(), slot);
-          } else {
-            hasher.Hash(block, layout.data_block_size, slot);
-          }
-        }
-        return {};
-      });
+  auto hash_piece = [&](unsigned, uint64_t first, const uint8_t* blocks, uint64_t count,
+                        uint64_t data_bytes) -> Result<void> {
+    if (observer) observer(first * layout.data_block_size, blocks, data_bytes);
+    if (layout.levels.empty()) {
+      first_block.assign(blocks, blocks + layout.data_block_size);
+      return {};
+    }
+    for (uint64_t i = 0; i < count; ++i) {
+      const uint8_t* block = blocks + i * layout.data_block_size;
+      uint8_t* slot = &result.tree[level0 + (first + i) * layout.slot_size];
+      if (IsAllZero(block, layout.data_block_size)) {
+        std::copy(zero_digest.begin(), zero_digest.end(), slot);
+      } else {
+        hasher.Hash(block, layout.data_block_size, slot);
+      }
+    }
+    return {};
+  };
+  auto pass = ForEachDataPiece(fd, data_offset, layout, threads, nullptr, progress, hash_piece);
   if (!pass.ok()) return pass.error();
 
   // A single data block needs no tree: its digest is the root digest.
@@ -69,8 +45,17 @@ Result<HashTree> BuildHashTree(int fd, uint64_t data_offset, const TreeLayout& l
     result.root_digest = hasher.Hash(first_block.data(), layout.data_block_size);
     return result;
   }
-  BuildUpperLevels(layout, hasher, threads, result.tree);
-  result.root_digest = hasher.Hash(&result.tree[layout.levels.back().offset], layout.hash_block_size);
+  // Levels above 0 are a hundredth of the data or less.
+  for (size_t k = 0; k + 1 < layout.levels.size(); ++k) {
+    const TreeLevel& below = layout.levels[k];
+    const TreeLevel& above = layout.levels[k + 1];
+    for (uint64_t j = 0; j < above.entries; ++j) {
+      hasher.Hash(&result.tree[below.offset + j * layout.hash_block_size], layout.hash_block_size,
+                  &result.tree[above.offset + j * layout.slot_size]);
+    }
+  }
+  result.root_digest =
+      hasher.Hash(&result.tree[layout.levels.back().offset], layout.hash_block_size);
   return result;
 }
 

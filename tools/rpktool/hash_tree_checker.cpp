@@ -28,20 +28,20 @@ uint64_t FirstBadInLevel(const TreeLayout& layout, size_t k, const BlockHasher& 
   const TreeLevel& level = layout.levels[k];
   const TreeLevel& above = layout.levels[k + 1];
   std::atomic<uint64_t> first_bad{kNone};
-  (void)ForEachChunk(above.entries, 64, threads, &first_bad,
-                     [&](unsigned, uint64_t begin, uint64_t end) -> Result<void> {
-                       uint8_t digest[SHA512_DIGEST_LENGTH];
-                       for (uint64_t j = begin; j < end; ++j) {
-                         hasher.Hash(&tree[level.offset + j * layout.hash_block_size],
-                                     layout.hash_block_size, digest);
-                         if (memcmp(digest, &tree[above.offset + j * layout.slot_size],
-                                    layout.digest_size) != 0) {
-                           LowerLimit(&first_bad, j);
-                           break;
-                         }
-                       }
-                       return {};
-                     });
+  (void)ForEachChunk(
+      above.entries, 64, threads, &first_bad,
+      [&](unsigned, uint64_t begin, uint64_t end) -> Result<void> {
+        uint8_t digest[SHA512_DIGEST_LENGTH];
+        for (uint64_t j = begin; j < end; ++j) {
+          hasher.Hash(&tree[level.offset + j * layout.hash_block_size], layout.hash_block_size,
+                      digest);
+          if (memcmp(digest, &tree[above.offset + j * layout.slot_size], layout.digest_size) != 0) {
+            LowerLimit(&first_bad, j);
+            break;
+          }
+        }
+        return {};
+      });
   return first_bad.load();
 }
 
@@ -78,9 +78,9 @@ Result<TreeLayout> CheckParams(const VerityParams& params, uint64_t region_size,
     return Error() << "root digest has " << params.root_digest.size() << " bytes; "
                    << params.hash_algorithm << " digests have " << hasher.digest_size();
   }
-  auto layout = avbformat::ComputeTreeLayout(params.data_size, params.data_block_size,
-                                             params.hash_block_size,
-                                             static_cast<uint32_t>(hasher.digest_size()));
+  auto layout =
+      avbformat::ComputeTreeLayout(params.data_size, params.data_block_size, params.hash_block_size,
+                                   static_cast<uint32_t>(hasher.digest_size()));
   if (!layout.ok()) return layout.error();
   if (!avbformat::RangeFits(0, params.data_size, region_size)) {
     return Error() << "the data area of " << params.data_size << " bytes exceeds the "
@@ -107,8 +107,8 @@ std::string DescribeBadBlock(const BadBlock& bad) {
       out << "it held data at signing, so a dm-verity read of it fails";
     }
   } else {
-    out << "hash-tree block " << bad.index << " at level " << bad.level << " of "
-        << bad.level_count << " (image offset " << bad.image_offset << ") does not match "
+    out << "hash-tree block " << bad.index << " at level " << bad.level << " of " << bad.level_count
+        << " (image offset " << bad.image_offset << ") does not match "
         << (bad.level + 1 == bad.level_count ? "the root digest" : "the level above it");
   }
   return out.str();
@@ -145,27 +145,27 @@ Result<TreeCheckResult> CheckHashTree(int fd, uint64_t region_offset, uint64_t r
   for (uint64_t i = 0; i < layout->data_blocks; ++i) result.zero_blocks += zero_at_signing(i);
 
   std::atomic<uint64_t> first_bad{kNone};
-  auto pass = ForEachDataPiece(
-      fd, region_offset, *layout, threads, &first_bad, progress,
-      [&](unsigned, uint64_t first, const uint8_t* blocks, uint64_t count,
-          uint64_t) -> Result<void> {
-        uint8_t digest[SHA512_DIGEST_LENGTH];
-        for (uint64_t i = 0; i < count; ++i) {
-          const uint8_t* block = blocks + i * layout->data_block_size;
-          bool matches;
-          if (zero_at_signing(first + i)) {
-            matches = IsAllZero(block, layout->data_block_size);
-          } else {
-            hasher->Hash(block, layout->data_block_size, digest);
-            matches = memcmp(digest, expected(first + i), layout->digest_size) == 0;
-          }
-          if (!matches) {
-            LowerLimit(&first_bad, first + i);
-            break;
-          }
-        }
-        return {};
-      });
+  auto check_piece = [&](unsigned, uint64_t first, const uint8_t* blocks, uint64_t count,
+                         uint64_t) -> Result<void> {
+    uint8_t digest[SHA512_DIGEST_LENGTH];
+    for (uint64_t i = 0; i < count; ++i) {
+      const uint8_t* block = blocks + i * layout->data_block_size;
+      bool matches;
+      if (zero_at_signing(first + i)) {
+        matches = IsAllZero(block, layout->data_block_size);
+      } else {
+        hasher->Hash(block, layout->data_block_size, digest);
+        matches = memcmp(digest, expected(first + i), layout->digest_size) == 0;
+      }
+      if (!matches) {
+        LowerLimit(&first_bad, first + i);
+        break;
+      }
+    }
+    return {};
+  };
+  auto pass =
+      ForEachDataPiece(fd, region_offset, *layout, threads, &first_bad, progress, check_piece);
   if (!pass.ok()) return pass.error();
 
   if (const uint64_t index = first_bad.load(); index != kNone) {

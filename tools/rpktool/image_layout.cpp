@@ -15,7 +15,9 @@ using avbformat::RoundUp;
 namespace {
 
 // Bytes the image needs beyond the filesystem and its tree.
-uint64_t TailSize(uint64_t vbmeta_size) { return RoundUp(vbmeta_size, kFsBlockSize) + kFsBlockSize; }
+uint64_t TailSize(uint64_t vbmeta_size) {
+  return RoundUp(vbmeta_size, kFsBlockSize) + kFsBlockSize;
+}
 
 }  // namespace
 

@@ -9,7 +9,8 @@ namespace rpktool {
 ImageMetadata ReadImageMetadata(int fd, uint64_t offset, uint64_t size) {
   ImageMetadata meta;
   uint8_t footer[avbformat::kFooterSize];
-  if (size < sizeof(footer) || !ReadAt(fd, footer, sizeof(footer), offset + size - sizeof(footer)).ok()) {
+  if (size < sizeof(footer) ||
+      !ReadAt(fd, footer, sizeof(footer), offset + size - sizeof(footer)).ok()) {
     meta.problem = "the image has no room for a footer";
     return meta;
   }
@@ -40,9 +41,10 @@ ImageMetadata ReadImageMetadata(int fd, uint64_t offset, uint64_t size) {
   }
   for (const auto& span : avbformat::WalkDescriptors(meta.vbmeta.data(), meta.vbmeta.size())) {
     const uint8_t* at = meta.vbmeta.data() + span.offset;
-    DescriptorInfo info{span.tag, span.size, std::nullopt, std::nullopt};
-    if (span.tag == avbformat::kTagHashtree) info.hashtree = avbformat::ReadHashtreeDescriptor(at, span.size);
-    if (span.tag == avbformat::kTagHash) info.hash = avbformat::ReadHashDescriptor(at, span.size);
+    DescriptorInfo info{span.tag, span.size, std::nullopt};
+    if (span.tag == avbformat::kTagHashtree) {
+      info.hashtree = avbformat::ReadHashtreeDescriptor(at, span.size);
+    }
     meta.descriptors.push_back(std::move(info));
   }
   return meta;

@@ -18,14 +18,13 @@ struct DescriptorInfo {
   uint64_t tag = 0;
   uint64_t size = 0;  // header included
   std::optional<avbformat::HashtreeDescriptor> hashtree;
-  std::optional<avbformat::HashDescriptor> hash;
 };
 
 struct ImageMetadata {
   std::optional<avbformat::Footer> footer;
-  std::vector<uint8_t> vbmeta;  // the block the footer points at
+  std::vector<uint8_t> vbmeta;                  // the block the footer points at
   std::optional<avbformat::VbmetaCheck> check;  // once the block was read
-  std::vector<uint8_t> public_key;  // once the header is valid
+  std::vector<uint8_t> public_key;              // once the header is valid
   std::vector<DescriptorInfo> descriptors;
   std::string problem;  // why the footer or the block could not be read
 };

@@ -30,7 +30,8 @@ int Emit(const rpktool::VerbSpec& verb, const rpktool::Arguments& args,
     fprintf(stderr, "rpktool %s: warning: %s\n", verb.name, rpktool::Printable(warning).c_str());
   }
   if (!failure) return kExitOk;
-  fprintf(stderr, "rpktool %s: %s%s\n", verb.name, rpktool::Printable(failure->message, true).c_str(),
+  fprintf(stderr, "rpktool %s: %s%s\n", verb.name,
+          rpktool::Printable(failure->message, true).c_str(),
           failure->kind == rpktool::FailureKind::kUsage
               ? (std::string(" (see rpktool ") + verb.name + " --help)").c_str()
               : "");

@@ -14,8 +14,8 @@
 namespace rpktool {
 
 using android::base::Dirname;
-using android::base::Error;
 using android::base::ErrnoError;
+using android::base::Error;
 using android::base::Result;
 using android::base::unique_fd;
 
@@ -69,7 +69,8 @@ Result<void> CheckOutputPath(const std::string& output, const std::vector<NamedI
 
 Result<OutputFile> OutputFile::Create(const std::string& final_path) {
   const std::string dir = Dirname(final_path);
-  unique_fd fd(TEMP_FAILURE_RETRY(open(dir.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, CreationMode())));
+  unique_fd fd(
+      TEMP_FAILURE_RETRY(open(dir.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, CreationMode())));
   if (fd >= 0) return OutputFile(std::move(fd), "", final_path);
   if (errno != EOPNOTSUPP && errno != EISDIR) {
     return ErrnoError() << "cannot create a file in " << dir;

@@ -10,9 +10,9 @@
 #include "ext4_image.h"
 #include "file_io.h"
 #include "hash_tree_builder.h"
-#include "parse.h"
 #include "mend_paths.h"
 #include "output_file.h"
+#include "parse.h"
 #include "progress.h"
 #include "zip_writer.h"
 
@@ -186,9 +186,9 @@ Result<std::vector<PathOverride>> ParseOverrides(const std::string& text) {
       return Error() << "line " << number << " is not 'PATH UID GID MODE' with an absolute PATH "
                      << "and an octal MODE";
     }
-    overrides.push_back({path, {static_cast<uint32_t>(values[0]),
-                                static_cast<uint32_t>(values[1]),
-                                static_cast<uint32_t>(values[2])}});
+    overrides.push_back({path,
+                         {static_cast<uint32_t>(values[0]), static_cast<uint32_t>(values[1]),
+                          static_cast<uint32_t>(values[2])}});
   }
   return overrides;
 }
@@ -207,7 +207,8 @@ Result<MakeResult> MakePackage(const MakeRequest& request, FailureKind* kind) {
   *kind = FailureKind::kOutput;
   auto file = OutputFile::Create(request.output_path);
   if (!file.ok()) return file.error();
-  const time_t stamp = request.fixed_time ? static_cast<time_t>(*request.fixed_time) : time(nullptr);
+  const time_t stamp =
+      request.fixed_time ? static_cast<time_t>(*request.fixed_time) : time(nullptr);
   StoredZipWriter zip(file->fd(), stamp);
   auto config_offset = zip.AddMember(android::mend::kConfigEntryName, request.config_text);
   if (!config_offset.ok()) return config_offset.error();
@@ -228,11 +229,11 @@ Result<MakeResult> MakePackage(const MakeRequest& request, FailureKind* kind) {
   // One pass over the filesystem builds the tree and the member's CRC.
   PieceCrcs data_crcs(layout.fs_size);
   Progress progress("hashing", layout.fs_size);
-  auto built = BuildHashTree(file->fd(), result.image_data_offset, layout.tree, *hasher,
-                             request.threads, &progress,
-                             [&](uint64_t offset, const uint8_t* data, size_t size) {
-                               data_crcs.Add(offset, data, size);
-                             });
+  auto built =
+      BuildHashTree(file->fd(), result.image_data_offset, layout.tree, *hasher, request.threads,
+                    &progress, [&](uint64_t offset, const uint8_t* data, size_t size) {
+                      data_crcs.Add(offset, data, size);
+                    });
   progress.Finish();
   if (!built.ok()) return built.error();
   result.root_digest = built->root_digest;
@@ -254,13 +255,15 @@ Result<MakeResult> MakePackage(const MakeRequest& request, FailureKind* kind) {
   }
 
   const std::vector<uint8_t> tail = BuildImageTail(layout, built->tree, *vbmeta);
-  auto written = WriteAt(file->fd(), tail.data(), tail.size(),
-                         result.image_data_offset + layout.fs_size);
+  auto written =
+      WriteAt(file->fd(), tail.data(), tail.size(), result.image_data_offset + layout.fs_size);
   if (!written.ok()) return Error() << "writing " << request.output_path << ": " << written.error();
   zip.SetCrc(android::mend::kImageEntryName,
              Crc32Combine(data_crcs.Combined(), Crc32(0, tail.data(), tail.size()), tail.size()));
   auto finished = zip.Finish();
-  if (!finished.ok()) return Error() << "writing " << request.output_path << ": " << finished.error();
+  if (!finished.ok()) {
+    return Error() << "writing " << request.output_path << ": " << finished.error();
+  }
   auto committed = file->Commit();
   if (!committed.ok()) return committed.error();
   return result;

@@ -12,11 +12,11 @@
 #include <vector>
 
 #include "avb_format.h"
+#include "ext4_image.h"
 #include "ext4_inodes.h"
 #include "image_layout.h"
 #include "report.h"
 #include "rsa_key.h"
-#include "ext4_image.h"
 
 namespace rpktool {
 

@@ -106,8 +106,9 @@ void Checker::CheckName() {
   } else if (name.size() > kMaxPackageNameLength) {
     Error("update_package_name is longer than 127 bytes, too long for a dm device name");
   } else if (name == android::mend::kTrialDeviceName) {
-    Error("update_package_name 'tmp' is the daemon's trial device name; every later package on "
-          "the device would fail");
+    Error(
+        "update_package_name 'tmp' is the daemon's trial device name; every later package on "
+        "the device would fail");
   }
 }
 

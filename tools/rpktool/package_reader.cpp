@@ -8,8 +8,8 @@
 
 namespace rpktool {
 
-using android::base::Error;
 using android::base::ErrnoError;
+using android::base::Error;
 using android::base::Result;
 
 namespace {

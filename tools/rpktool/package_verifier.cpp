@@ -124,8 +124,8 @@ Result<Inspection> InspectPackage(const std::string& path,
       inspection.problems.push_back(
           "the image data starts beyond 2 GiB, which the daemon cannot address");
     }
-    inspection.metadata = ReadImageMetadata(zip.fd.get(), zip.image->data_offset,
-                                            zip.image->uncompressed_size);
+    inspection.metadata =
+        ReadImageMetadata(zip.fd.get(), zip.image->data_offset, zip.image->uncompressed_size);
   }
   inspection.key = trusted_key.value_or(inspection.metadata.public_key);
 

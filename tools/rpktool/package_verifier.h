@@ -43,8 +43,7 @@ struct Inspection {
 // `trusted_key` the key embedded in the package is used, which checks the
 // signature but not who made it.
 android::base::Result<Inspection> InspectPackage(
-    const std::string& path, const std::optional<std::vector<uint8_t>>& trusted_key,
-    bool strict);
+    const std::string& path, const std::optional<std::vector<uint8_t>>& trusted_key, bool strict);
 
 // Parts of the info and verify reports that both show.
 Json::Value U64(uint64_t value);
@@ -55,7 +54,6 @@ std::string DigestHex(const char* name, const std::vector<uint8_t>& data);
 void AddConfig(const Inspection& inspection, Report* report);
 // Other reasons for refusal and what could not be checked.
 void AddProblems(const Inspection& inspection, Report* report);
-
 
 // A trusted key from a file: a key blob as the device stores it, or a PEM
 // RSA key (converted to its blob).

@@ -36,8 +36,7 @@ void Progress::Draw() {
   }
   const uint64_t done = std::min(done_.load(std::memory_order_relaxed), total_);
   fprintf(stderr, "\r%s: %3u%% (%llu of %llu MiB)", label_.c_str(),
-          static_cast<unsigned>(done * 100 / total_),
-          static_cast<unsigned long long>(done >> 20),
+          static_cast<unsigned>(done * 100 / total_), static_cast<unsigned long long>(done >> 20),
           static_cast<unsigned long long>(total_ >> 20));
   fflush(stderr);
 }

@@ -24,22 +24,19 @@ std::string TextOf(const Json::Value& value) {
 }  // namespace
 
 const char* KindName(FailureKind kind) {
-  switch (kind) {
-    case FailureKind::kUsage: return "usage";
-    case FailureKind::kInput: return "input";
-    case FailureKind::kConfig: return "config";
-    case FailureKind::kOutput: return "output";
-    case FailureKind::kFilesystem: return "filesystem";
-    case FailureKind::kVerification: return "verification";
-  }
-  return "unknown";
+  static const char* const kNames[] = {"usage",  "input",      "config",
+                                       "output", "filesystem", "verification"};
+  return kNames[static_cast<int>(kind)];
 }
 
 size_t Utf8Length(const std::string& text, size_t at) {
   const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
   const unsigned char lead = byte(at);
-  const size_t length = lead < 0x80 ? 1 : (lead >> 5) == 0x6 ? 2 : (lead >> 4) == 0xe ? 3
-                        : (lead >> 3) == 0x1e ? 4 : 0;
+  const size_t length = lead < 0x80           ? 1
+                        : (lead >> 5) == 0x6  ? 2
+                        : (lead >> 4) == 0xe  ? 3
+                        : (lead >> 3) == 0x1e ? 4
+                                              : 0;
   if (length == 0 || at + length > text.size()) return 0;
   for (size_t k = 1; k < length; ++k) {
     if ((byte(at + k) & 0xc0) != 0x80) return 0;

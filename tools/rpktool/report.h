@@ -13,6 +13,7 @@
 
 namespace rpktool {
 
+// In the order of KindName's names.
 enum class FailureKind {
   kUsage,         // the command line is wrong
   kInput,         // an input cannot be read or used

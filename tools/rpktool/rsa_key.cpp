@@ -21,7 +21,7 @@ constexpr size_t kMaxKeyFileSize = 64 * 1024;
 Result<RsaKey> RsaKey::FromPem(const std::string& pem, const std::string& name) {
   auto read = [&pem](bool private_key) {
     avbformat::BioPtr bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
-    EVP_PKEY* key = !bio ? nullptr
+    EVP_PKEY* key = !bio          ? nullptr
                     : private_key ? PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr)
                                   : PEM_read_bio_PUBKEY(bio.get(), nullptr, nullptr, nullptr);
     return avbformat::PkeyPtr(key);
@@ -73,8 +73,8 @@ Result<avbformat::HashAndSignature> RsaKey::Sign(const avbformat::Algorithm& alg
       md && ctx && EVP_Digest(data.data(), data.size(), out.hash.data(), &hash_size, md, nullptr) &&
       EVP_DigestSignInit(ctx.get(), &pkey_ctx, md, nullptr, key_.get()) == 1 &&
       EVP_PKEY_CTX_set_rsa_padding(pkey_ctx, RSA_PKCS1_PADDING) == 1 &&
-      EVP_DigestSign(ctx.get(), out.signature.data(), &signature_size, data.data(),
-                     data.size()) == 1;
+      EVP_DigestSign(ctx.get(), out.signature.data(), &signature_size, data.data(), data.size()) ==
+          1;
   ERR_clear_error();
   if (!ok) return Error() << "RSA signing with " << algorithm.name << " failed";
   out.hash.resize(hash_size);

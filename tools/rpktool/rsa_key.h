@@ -3,6 +3,7 @@
 // An RSA key read from PEM: what signing and the public key blob need.
 
 #include <android-base/result.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>

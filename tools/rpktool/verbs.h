@@ -65,8 +65,8 @@ struct ParsedCommand {
   Arguments args;
   bool help = false;
 };
-bool ParseCommand(const VerbSpec& verb, const std::vector<std::string>& words,
-                  ParsedCommand* out, std::string* error);
+bool ParseCommand(const VerbSpec& verb, const std::vector<std::string>& words, ParsedCommand* out,
+                  std::string* error);
 std::string VerbHelp(const VerbSpec& verb);
 std::string ToolUsage();
 // A bash completion script for every verb and option.

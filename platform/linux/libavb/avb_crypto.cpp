@@ -15,12 +15,10 @@ using avbformat::BnCtxPtr;
 using avbformat::MdCtxPtr;
 
 // The DER DigestInfo that precedes a digest inside a PKCS#1 v1.5 signature.
-constexpr uint8_t kSha256DigestInfo[] = {0x30, 0x31, 0x30, 0x0d, 0x06, 0x09, 0x60,
-                                         0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02,
-                                         0x01, 0x05, 0x00, 0x04, 0x20};
-constexpr uint8_t kSha512DigestInfo[] = {0x30, 0x51, 0x30, 0x0d, 0x06, 0x09, 0x60,
-                                         0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02,
-                                         0x03, 0x05, 0x00, 0x04, 0x40};
+constexpr uint8_t kSha256DigestInfo[] = {0x30, 0x31, 0x30, 0x0d, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01,
+                                         0x65, 0x03, 0x04, 0x02, 0x01, 0x05, 0x00, 0x04, 0x20};
+constexpr uint8_t kSha512DigestInfo[] = {0x30, 0x51, 0x30, 0x0d, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01,
+                                         0x65, 0x03, 0x04, 0x02, 0x03, 0x05, 0x00, 0x04, 0x40};
 
 // The block a valid signature of `digest` decrypts to, `length` bytes.
 std::vector<uint8_t> PaddedDigest(const avbformat::Algorithm& algorithm, const uint8_t* digest,
@@ -54,9 +52,8 @@ bool DigestOfTwo(const avbformat::Algorithm& algorithm, const uint8_t* first, si
   return ok;
 }
 
-bool RsaPkcs1Verify(const uint8_t* blob, size_t blob_length,
-                    const avbformat::Algorithm& algorithm, const uint8_t* digest,
-                    const uint8_t* signature, size_t signature_length) {
+bool RsaPkcs1Verify(const uint8_t* blob, size_t blob_length, const avbformat::Algorithm& algorithm,
+                    const uint8_t* digest, const uint8_t* signature, size_t signature_length) {
   const size_t length = avbformat::PublicKeyModulusLength(blob, blob_length);
   if (length == 0 || signature_length != length) return false;
   const int size = static_cast<int>(length);

@@ -20,8 +20,7 @@ bool DigestOfTwo(const avbformat::Algorithm& algorithm, const uint8_t* first, si
 // algorithm's hash) under the key blob's modulus and the exponent 65537:
 // raised to the exponent it must give exactly 00 01 FF..FF 00, the hash's
 // DigestInfo, the digest. The blob must be well formed.
-bool RsaPkcs1Verify(const uint8_t* blob, size_t blob_length,
-                    const avbformat::Algorithm& algorithm, const uint8_t* digest,
-                    const uint8_t* signature, size_t signature_length);
+bool RsaPkcs1Verify(const uint8_t* blob, size_t blob_length, const avbformat::Algorithm& algorithm,
+                    const uint8_t* digest, const uint8_t* signature, size_t signature_length);
 
 }  // namespace avb_standin

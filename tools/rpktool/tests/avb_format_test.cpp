@@ -3,11 +3,12 @@
 // for byte as the reference tooling made them. (The round trip of readers
 // and writers is the fuzzer's.)
 
+#include "avb_format.h"
+
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
-#include "avb_format.h"
 #include "block_hasher.h"
 #include "file_io.h"
 #include "hash_tree_builder.h"
@@ -47,8 +48,9 @@ void ExpectImageRebuilt(const std::string& name, const std::string& key_name) {
       *avbformat::FindAlgorithm(fixture.meta.check->header.algorithm_type);
 
   TempDir dir;
-  mend_test::WriteWholeFile(dir / "fs.img", std::string(fixture.image.begin(),
-                                                         fixture.image.begin() + reference.image_size));
+  mend_test::WriteWholeFile(
+      dir / "fs.img",
+      std::string(fixture.image.begin(), fixture.image.begin() + reference.image_size));
   android::base::unique_fd fd(open((dir / "fs.img").c_str(), O_RDONLY | O_CLOEXEC));
   auto hasher = BlockHasher::Create(reference.hash_algorithm, reference.salt);
   auto layout = LayoutImage(reference.image_size / 4096, algorithm.hash_size,
@@ -93,7 +95,9 @@ TEST(RsaKeyLoading, RefusesWhatCannotSign) {
     EXPECT_FALSE(RsaKey::Load(dir / "other.pem").ok()) << command[1];
   }
   ASSERT_EQ(mend_test::RunProgram({"openssl", "rsa", "-in", AvbFixture("keys/rsa2048.pem"),
-                                   "-pubout", "-out", dir / "public.pem"}).exit_code, 0);
+                                   "-pubout", "-out", dir / "public.pem"})
+                .exit_code,
+            0);
   auto public_only = RsaKey::Load(dir / "public.pem");
   ASSERT_TRUE(public_only.ok()) << public_only.error();
   EXPECT_EQ(public_only->public_key_blob(),

@@ -4,7 +4,6 @@
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-
 #include <unistd.h>
 
 #include <random>
@@ -12,21 +11,21 @@
 #include "block_hasher.h"
 #include "hash_tree_builder.h"
 #include "hash_tree_checker.h"
-#include "tool_test_util.h"
 #include "hash_tree_geometry.h"
 #include "parse.h"
+#include "tool_test_util.h"
 
 namespace rpktool {
 namespace {
 
+using avbformat::ComputeTreeLayout;
+using avbformat::TreeLayout;
+using avbformat::TreeLevel;
 using mend_test::FlipByte;
 using mend_test::ReadWholeFile;
 using mend_test::RunProgram;
 using mend_test::TempDir;
 using mend_test::WriteWholeFile;
-using avbformat::ComputeTreeLayout;
-using avbformat::TreeLayout;
-using avbformat::TreeLevel;
 
 android::base::unique_fd OpenRead(const std::string& path) {
   return android::base::unique_fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -54,7 +53,9 @@ std::string PatternedData(uint64_t blocks, uint32_t block_size, unsigned seed) {
   std::string data(blocks * block_size, '\0');
   for (uint64_t b = 0; b < blocks; ++b) {
     if (b % 5 == 3) continue;
-    for (uint32_t i = 0; i < block_size; ++i) data[b * block_size + i] = static_cast<char>(random());
+    for (uint32_t i = 0; i < block_size; ++i) {
+      data[b * block_size + i] = static_cast<char>(random());
+    }
   }
   return data;
 }
@@ -69,10 +70,10 @@ TEST(HashTreeBuilder, MatchesVeritysetupByteForByte) {
   unsigned seed = 1;
   // One block (no tree), one hash block exactly full and one more, two and
   // three levels, and other digest and block sizes.
-  for (const Case& c : {Case{1, 4096, "sha256"}, Case{2, 4096, "sha256"},
-                        Case{128, 4096, "sha256"}, Case{129, 4096, "sha256"},
-                        Case{4097, 4096, "sha256"}, Case{4097, 4096, "sha512"},
-                        Case{70, 4096, "sha1"}, Case{1000, 1024, "sha256"}}) {
+  for (const Case& c :
+       {Case{1, 4096, "sha256"}, Case{2, 4096, "sha256"}, Case{128, 4096, "sha256"},
+        Case{129, 4096, "sha256"}, Case{4097, 4096, "sha256"}, Case{4097, 4096, "sha512"},
+        Case{70, 4096, "sha1"}, Case{1000, 1024, "sha256"}}) {
     SCOPED_TRACE(std::to_string(c.blocks) + " x " + std::to_string(c.block_size) + " " + c.hash);
     const std::string data_path = dir / "data";
     const std::string tree_path = dir / "tree";
@@ -96,7 +97,8 @@ TEST(HashTreeBuilder, MatchesVeritysetupByteForByte) {
       auto tree = BuildHashTree(fd.get(), 0, *layout, *hasher, threads);
       ASSERT_TRUE(tree.ok()) << tree.error();
       EXPECT_NE(reference.out.find(ToHex(tree->root_digest)), std::string::npos)
-          << "root digest " << ToHex(tree->root_digest) << " not in:\n" << reference.out;
+          << "root digest " << ToHex(tree->root_digest) << " not in:\n"
+          << reference.out;
       if (c.blocks > 1) {
         const std::string expected = ReadWholeFile(tree_path);
         EXPECT_TRUE(std::string(tree->tree.begin(), tree->tree.end()) == expected)
@@ -136,8 +138,8 @@ TestImage MakeImage(const TempDir& dir, uint64_t blocks, const std::string& hash
   image.params.data_block_size = image.params.hash_block_size = 4096;
   image.params.data_size = data.size();
   auto hasher = BlockHasher::Create(hash, image.params.salt);
-  image.layout = *ComputeTreeLayout(data.size(), 4096, 4096,
-                                    static_cast<uint32_t>(hasher->digest_size()));
+  image.layout =
+      *ComputeTreeLayout(data.size(), 4096, 4096, static_cast<uint32_t>(hasher->digest_size()));
   auto fd = OpenRead(dir / "data");
   auto tree = BuildHashTree(fd.get(), 0, image.layout, *hasher, 2);
   image.params.tree_offset = data.size();
@@ -191,8 +193,9 @@ TEST(HashTreeChecker, NamesTheFirstBadBlockAndItsKind) {
     EXPECT_FALSE(intact.bad_block.has_value());
     EXPECT_EQ(intact.zero_blocks, c.blocks > 3 ? c.blocks / 5 : 0);  // every fifth block
     auto block_offset = [&](int level, uint64_t block) {
-      return level < 0 ? block * 4096
-                       : image.params.tree_offset + image.layout.levels[level].offset + block * 4096;
+      return level < 0
+                 ? block * 4096
+                 : image.params.tree_offset + image.layout.levels[level].offset + block * 4096;
     };
     for (const Flip& flip : c.flips) {
       FlipByte(image.path, image.offset + block_offset(flip.level, flip.block) + flip.byte);
@@ -204,7 +207,8 @@ TEST(HashTreeChecker, NamesTheFirstBadBlockAndItsKind) {
       EXPECT_EQ(bad.is_data, c.is_data);
       EXPECT_EQ(bad.index, c.index);
       EXPECT_EQ(bad.zero_at_signing, c.zero_at_signing);
-      EXPECT_EQ(bad.image_offset, block_offset(c.is_data ? -1 : static_cast<int>(c.level), c.index));
+      EXPECT_EQ(bad.image_offset,
+                block_offset(c.is_data ? -1 : static_cast<int>(c.level), c.index));
       EXPECT_EQ(bad.level, c.is_data ? 0 : c.level);
     }
   }

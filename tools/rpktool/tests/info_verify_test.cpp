@@ -39,7 +39,8 @@ TEST(Info, ReportsTheManifestValuesOfEveryFixture) {
     // Refused by the daemon before any data is read: only unsigned packages
     // and those without a hashtree descriptor (the key is the package's own).
     const std::string name = expected["name"].asString();
-    EXPECT_EQ(run.exit_code, name == "unsigned" || name == "hash_descriptor_only" ? 1 : 0) << run.err;
+    EXPECT_EQ(run.exit_code, name == "unsigned" || name == "hash_descriptor_only" ? 1 : 0)
+        << run.err;
   }
   const ProgramRun text = RunTool({"info", AvbFixture("pkgs/valid_sha512.zip")});
   const std::string table = android::base::StringReplace(
@@ -55,9 +56,9 @@ TEST(Verify, EachFixtureReachesItsStatedOutcome) {
     const std::string name = package["name"].asString();
     SCOPED_TRACE(name);
     const std::string path = AvbFixture(package["package"].asString());
-    const ProgramRun run = RunTool(
-        {"verify", "--json", "--key", AvbFixture("keys/" + package["key"].asString() + ".avbpubkey"),
-         path});
+    const ProgramRun run =
+        RunTool({"verify", "--json", "--key",
+                 AvbFixture("keys/" + package["key"].asString() + ".avbpubkey"), path});
     const Json::Value result = ParseJson(run.out);
     ASSERT_TRUE(result.isObject()) << run.out << run.err;
     const std::string engine = android::base::StringReplace(
@@ -75,7 +76,8 @@ TEST(Verify, EachFixtureReachesItsStatedOutcome) {
     }
   }
   const Json::Value corrupt = ParseJson(
-      RunTool({"verify", "--json", "--key", TrustedBlob(), AvbFixture("pkgs/data_corrupt.zip")}).out);
+      RunTool({"verify", "--json", "--key", TrustedBlob(), AvbFixture("pkgs/data_corrupt.zip")})
+          .out);
   const Json::Value& bad = corrupt["hash_tree"]["bad_block"];
   EXPECT_EQ(bad["kind"].asString(), "data");
   EXPECT_EQ(bad["index"].asUInt64(), 13u);
@@ -88,7 +90,9 @@ TEST(Verify, TakesTheEmbeddedKeyAPemKeyOrABlob) {
   // consistent: that is all a check without --key can say.
   EXPECT_EQ(RunTool({"verify", AvbFixture("pkgs/wrong_key.zip")}).exit_code, 0);
   EXPECT_EQ(RunTool({"verify", "--key", AvbFixture("keys/rsa4096.pem"),
-                     AvbFixture("pkgs/valid_sha512.zip")}).exit_code, 0);
+                     AvbFixture("pkgs/valid_sha512.zip")})
+                .exit_code,
+            0);
   TempDir dir;
   WriteWholeFile(dir / "short.blob", ReadWholeFile(TrustedBlob()).substr(0, 100));
   const ProgramRun bad =

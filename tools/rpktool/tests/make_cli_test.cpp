@@ -3,10 +3,9 @@
 // hurt the user or the device is refused; rebuilds are byte-identical; the
 // command line behaves.
 
+#include <android-base/strings.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
-
-#include <android-base/strings.h>
 
 #include <filesystem>
 #include <sstream>
@@ -49,8 +48,8 @@ TEST_P(MakeEachAlgorithm, PackageVerifiesAndVeritysetupAgrees) {
   MakeSampleInputs(dir);
   const std::string key = s.bits == 4096 ? AvbFixture("keys/rsa4096.pem") : TestKey(s.bits);
   const std::string package = dir / "pkg.zip";
-  ProgramRun made = Make(dir, key, package, {"--algorithm", s.algorithm, "--owner", "0",
-                                             "--group", "0"});
+  ProgramRun made =
+      Make(dir, key, package, {"--algorithm", s.algorithm, "--owner", "0", "--group", "0"});
   ASSERT_EQ(made.exit_code, 0) << made.err;
   EXPECT_EQ(made.err, "") << "a clean config and tree give no warnings";
 
@@ -69,15 +68,16 @@ TEST_P(MakeEachAlgorithm, PackageVerifiesAndVeritysetupAgrees) {
   ExpectVeritysetupAccepts(dir, package);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    KeySizesAndDigests, MakeEachAlgorithm,
-    ::testing::Values(Signing{2048, "SHA256_RSA2048", "sha256"},
-                      Signing{2048, "SHA512_RSA2048", "sha512"},
-                      Signing{4096, "SHA256_RSA4096", "sha256"},
-                      Signing{4096, "SHA512_RSA4096", "sha512"},
-                      Signing{8192, "SHA256_RSA8192", "sha256"},
-                      Signing{8192, "SHA512_RSA8192", "sha512"}),
-    [](const ::testing::TestParamInfo<Signing>& info) { return std::string(info.param.algorithm); });
+INSTANTIATE_TEST_SUITE_P(KeySizesAndDigests, MakeEachAlgorithm,
+                         ::testing::Values(Signing{2048, "SHA256_RSA2048", "sha256"},
+                                           Signing{2048, "SHA512_RSA2048", "sha512"},
+                                           Signing{4096, "SHA256_RSA4096", "sha256"},
+                                           Signing{4096, "SHA512_RSA4096", "sha512"},
+                                           Signing{8192, "SHA256_RSA8192", "sha256"},
+                                           Signing{8192, "SHA512_RSA8192", "sha512"}),
+                         [](const ::testing::TestParamInfo<Signing>& info) {
+                           return std::string(info.param.algorithm);
+                         });
 
 // Two copies of a tree in different places, with different times and
 // modes, give the same package with a fixed time and salt; owners, groups
@@ -91,17 +91,22 @@ TEST(Make, FixedTimeAndOwnersGiveTheSameBytesWhereverTheTreeLies) {
     fs::last_write_time(entry.path(), fs::file_time_type::clock::now() - std::chrono::hours(99));
     fs::permissions(entry.path(), fs::perms::group_write, fs::perm_options::add);
   }
-  WriteWholeFile(a / "overrides", "# path uid gid mode\n/system/app/Demo/Demo.txt 1000 2000 0750\n");
-  const std::vector<std::string> options = {"--salt", "00ff", "--owner", "0", "--group", "0",
-                                            "--mode-mask", "022", "--overrides", a / "overrides"};
+  WriteWholeFile(a / "overrides",
+                 "# path uid gid mode\n/system/app/Demo/Demo.txt 1000 2000 0750\n");
+  const std::vector<std::string> options = {
+      "--salt", "00ff",        "--owner", "0",           "--group",
+      "0",      "--mode-mask", "022",     "--overrides", a / "overrides"};
   const std::vector<std::string> env = {"SOURCE_DATE_EPOCH=1704067200"};
   ASSERT_EQ(Make(a, Fixture2048(), a / "pkg.zip", options, env).exit_code, 0);
   ASSERT_EQ(Make(b, Fixture2048(), b / "pkg.zip", options, env).exit_code, 0);
   EXPECT_TRUE(ReadWholeFile(a / "pkg.zip") == ReadWholeFile(b / "pkg.zip"));
 
   ExtractImage(a / "pkg.zip", a / "image.raw");
-  ASSERT_EQ(RunProgram({"truncate", "-s", Info(a / "pkg.zip")["footer"]["original_image_size"]
-                                              .asString(), a / "image.raw"}).exit_code, 0);
+  ASSERT_EQ(
+      RunProgram({"truncate", "-s", Info(a / "pkg.zip")["footer"]["original_image_size"].asString(),
+                  a / "image.raw"})
+          .exit_code,
+      0);
   ProgramRun fsck = RunProgram({"e2fsck", "-fn", a / "image.raw"});
   EXPECT_EQ(fsck.exit_code, 0) << fsck.out;
   ProgramRun cat = RunProgram({"debugfs", "-R", "cat /system/lib64/libfix.so", a / "image.raw"});
@@ -126,12 +131,11 @@ TEST(Make, PartitionSizeIsExactAndChecked) {
     int exit_code;
     std::string words;
   };
-  for (const Case& c : std::vector<Case>{
-           {"256K", 1, "does not fit the partition size"},
-           {"3000000", 2, "not a multiple of 4096"},
-           {"18446744073709547520", 2, "a package can hold"},
-           {"16777216G", 2, "a package can hold"},
-           {"3Q", 2, "partition-size"}}) {
+  for (const Case& c : std::vector<Case>{{"256K", 1, "does not fit the partition size"},
+                                         {"3000000", 2, "not a multiple of 4096"},
+                                         {"18446744073709547520", 2, "a package can hold"},
+                                         {"16777216G", 2, "a package can hold"},
+                                         {"3Q", 2, "partition-size"}}) {
     ProgramRun run = Make(dir, Fixture2048(), dir / "small.zip", {"--partition-size", c.size});
     EXPECT_EQ(run.exit_code, c.exit_code) << c.size << run.err;
     EXPECT_TRUE(Contains(run.err, c.words)) << c.size << run.err;
@@ -151,12 +155,15 @@ TEST(Make, RefusesOutputsThatAreInputsOrInsideTheTree) {
     std::vector<std::string> args;
     std::string words;
   } cases[] = {
-      {{"make", "--config", dir / "config.txt", "--root", dir / "root", "--key", key,
-        "--output", key}, "is the --key file"},
-      {{"make", "--config", dir / "config.txt", "--root", dir / "root", "--key", key,
-        "--output", dir / "root/system/../../config.txt"}, "is the --config file"},
-      {{"make", "--config", dir / "config.txt", "--root", dir / "root", "--key", key,
-        "--output", dir / "root/system/app/pkg.zip"}, "inside the tree"},
+      {{"make", "--config", dir / "config.txt", "--root", dir / "root", "--key", key, "--output",
+        key},
+       "is the --key file"},
+      {{"make", "--config", dir / "config.txt", "--root", dir / "root", "--key", key, "--output",
+        dir / "root/system/../../config.txt"},
+       "is the --config file"},
+      {{"make", "--config", dir / "config.txt", "--root", dir / "root", "--key", key, "--output",
+        dir / "root/system/app/pkg.zip"},
+       "inside the tree"},
       {{"extract-public-key", "--key", key, "--output", dir / "key_link.pem"}, "is the --key file"},
   };
   for (const Case& c : cases) {
@@ -169,9 +176,10 @@ TEST(Make, RefusesOutputsThatAreInputsOrInsideTheTree) {
   EXPECT_FALSE(fs::exists(dir / "root/system/app/pkg.zip"));
 
   // A name that starts like an option is only a name.
-  ProgramRun dashed = RunProgram({"sh", "-c", "cd " + dir.path() + " && " + RPKTOOL_BINARY +
-                                                  " make --config config.txt --root root --key " +
-                                                  key + " --output -pkg.zip"});
+  ProgramRun dashed =
+      RunProgram({"sh", "-c",
+                  "cd " + dir.path() + " && " + RPKTOOL_BINARY +
+                      " make --config config.txt --root root --key " + key + " --output -pkg.zip"});
   EXPECT_EQ(dashed.exit_code, 0) << dashed.out;
   EXPECT_TRUE(fs::exists(dir / "-pkg.zip"));
 }
@@ -181,20 +189,22 @@ TEST(Make, RefusesOutputsThatAreInputsOrInsideTheTree) {
 TEST(Make, ChildrenAndPartialOutputsEndWithTheTool) {
   TempDir dir;
   MakeSampleInputs(dir);
-  WriteTreeFile(dir / "bin/mke2fs", "#!/bin/sh\necho $$ > " + (dir / "mke2fs.pid") +
-                                        "\nexec sleep 60\n");
+  WriteTreeFile(dir / "bin/mke2fs",
+                "#!/bin/sh\necho $$ > " + (dir / "mke2fs.pid") + "\nexec sleep 60\n");
   fs::permissions(dir / "bin/mke2fs", fs::perms::owner_all);
   fs::create_directories(dir / "out");
   for (const std::string signal : {"TERM", "KILL"}) {
     SCOPED_TRACE(signal);
     fs::remove(dir / "mke2fs.pid");
     ProgramRun run = RunProgram(
-        {"sh", "-c", "PATH=" + (dir / "bin") + ":$PATH " + RPKTOOL_BINARY + " make --config " +
-                         (dir / "config.txt") + " --root " + (dir / "root") + " --key " +
-                         Fixture2048() + " --output " + (dir / "out/pkg.zip") +
-                         " & tool=$!; for i in $(seq 100); do [ -s " + (dir / "mke2fs.pid") +
-                         " ] && break; sleep 0.1; done; kill -" + signal + " $tool; wait $tool; "
-                         "sleep 0.5; cat " + (dir / "mke2fs.pid")});
+        {"sh", "-c",
+         "PATH=" + (dir / "bin") + ":$PATH " + RPKTOOL_BINARY + " make --config " +
+             (dir / "config.txt") + " --root " + (dir / "root") + " --key " + Fixture2048() +
+             " --output " + (dir / "out/pkg.zip") + " & tool=$!; for i in $(seq 100); do [ -s " +
+             (dir / "mke2fs.pid") + " ] && break; sleep 0.1; done; kill -" + signal +
+             " $tool; wait $tool; "
+             "sleep 0.5; cat " +
+             (dir / "mke2fs.pid")});
     const std::string pid = run.out.substr(0, run.out.find('\n'));
     ASSERT_FALSE(pid.empty()) << run.out;
     const std::string stat = ReadFileOrEmpty("/proc/" + pid + "/stat");
@@ -228,8 +238,8 @@ TEST(Make, RefusesWhatADeviceWouldFailOn) {
   };
   for (const Case& c : cases) {
     WriteWholeFile(dir / "bad.txt", c.config);
-    ProgramRun run = RunTool({"make", "--config", dir / "bad.txt", "--root", dir / c.root,
-                              "--key", Fixture2048(), "--output", dir / "bad.zip"});
+    ProgramRun run = RunTool({"make", "--config", dir / "bad.txt", "--root", dir / c.root, "--key",
+                              Fixture2048(), "--output", dir / "bad.zip"});
     EXPECT_EQ(run.exit_code, 1) << c.words;
     EXPECT_TRUE(Contains(run.err, c.words)) << c.words << " not in " << run.err;
     EXPECT_FALSE(fs::exists(dir / "bad.zip"));
@@ -237,7 +247,9 @@ TEST(Make, RefusesWhatADeviceWouldFailOn) {
   // Forced, such a package is made; info shows its config escaped and fails.
   WriteWholeFile(dir / "bad.txt", with("demo_fix1", std::string("demo\x1b[2J\0fix", 12)));
   ASSERT_EQ(RunTool({"make", "--config", dir / "bad.txt", "--root", dir / "root", "--key",
-                     Fixture2048(), "--output", dir / "bad.zip", "--force"}).exit_code, 0);
+                     Fixture2048(), "--output", dir / "bad.zip", "--force"})
+                .exit_code,
+            0);
   ProgramRun info = RunTool({"info", dir / "bad.zip"});
   EXPECT_EQ(info.exit_code, 1);
   EXPECT_TRUE(Contains(info.out, "demo\\x1b[2J\\x00fix")) << info.out;
@@ -265,7 +277,8 @@ TEST(Cli, HelpVersionUsageErrorsAndCompletion) {
     for (std::string line; std::getline(lines, line);) {
       if (line.compare(0, 4, "  --") != 0) continue;
       const std::string option = line.substr(4, line.find(' ', 4) - 4);
-      EXPECT_TRUE(Contains(manual, "\\-\\-" + android::base::StringReplace(option, "-", "\\-", true)))
+      EXPECT_TRUE(
+          Contains(manual, "\\-\\-" + android::base::StringReplace(option, "-", "\\-", true)))
           << verb << " --" << option;
     }
   }
@@ -291,9 +304,12 @@ TEST(Cli, HelpVersionUsageErrorsAndCompletion) {
   EXPECT_EQ(error["message"].asString(), "unknown option --bogus");
 
   ProgramRun completion = RunProgram(
-      {"bash", "-c", std::string("source <(") + RPKTOOL_BINARY + " completion bash); "
-       "COMP_WORDS=(rpktool make --alg); COMP_CWORD=2; _rpktool; echo ${COMPREPLY[@]}; "
-       "COMP_WORDS=(rpktool make --algorithm SHA5); COMP_CWORD=3; _rpktool; echo ${COMPREPLY[@]}"});
+      {"bash", "-c",
+       std::string("source <(") + RPKTOOL_BINARY +
+           " completion bash); "
+           "COMP_WORDS=(rpktool make --alg); COMP_CWORD=2; _rpktool; echo ${COMPREPLY[@]}; "
+           "COMP_WORDS=(rpktool make --algorithm SHA5); COMP_CWORD=3; _rpktool; echo "
+           "${COMPREPLY[@]}"});
   EXPECT_EQ(completion.out, "--algorithm\nSHA512_RSA2048 SHA512_RSA4096 SHA512_RSA8192\n");
 }
 

@@ -1,9 +1,10 @@
 // config.txt checks: what the daemon would make of a config, and which
 // mistakes stop a build or only warn (errors too when strict).
 
+#include "package_config.h"
+
 #include <gtest/gtest.h>
 
-#include "package_config.h"
 #include "tool_test_util.h"
 
 namespace rpktool {

@@ -35,8 +35,8 @@ void MakeSampleInputs(const TempDir& dir, const std::string& name) {
 
 ProgramRun Make(const TempDir& dir, const std::string& key, const std::string& output,
                 const std::vector<std::string>& extra, const std::vector<std::string>& env) {
-  std::vector<std::string> args = {"make", "--config", dir / "config.txt", "--root", dir / "root",
-                                   "--key", key, "--output", output};
+  std::vector<std::string> args = {"make",  "--config", dir / "config.txt", "--root", dir / "root",
+                                   "--key", key,        "--output",         output};
   args.insert(args.end(), extra.begin(), extra.end());
   return RunTool(args, env);
 }

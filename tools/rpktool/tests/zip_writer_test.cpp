@@ -1,6 +1,8 @@
 // Archives from the in-place zip writer, read back by libziparchive (as the
 // daemon reads them) and by unzip.
 
+#include "zip_writer.h"
+
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -8,7 +10,6 @@
 
 #include "file_io.h"
 #include "tool_test_util.h"
-#include "zip_writer.h"
 
 namespace rpktool {
 namespace {
@@ -75,8 +76,8 @@ TEST(StoredZipWriter, AlignmentExtraFieldNamesTheAlignment) {
   const std::string bytes = mend_test::ReadWholeFile(path);
   const size_t header = 40 + 22;  // config.txt member, then the image's local header
   ASSERT_EQ(bytes.compare(header, 4, "PK\x03\x04"), 0);
-  const size_t extra_length = static_cast<uint8_t>(bytes[header + 28]) |
-                              static_cast<uint8_t>(bytes[header + 29]) << 8;
+  const size_t extra_length =
+      static_cast<uint8_t>(bytes[header + 28]) | static_cast<uint8_t>(bytes[header + 29]) << 8;
   EXPECT_EQ(header + 30 + 18 + extra_length, 4096u);
   const size_t field = header + 30 + 18;
   EXPECT_EQ(static_cast<uint8_t>(bytes[field]), 0x35);
