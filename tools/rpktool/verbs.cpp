@@ -43,7 +43,8 @@ const std::vector<VerbSpec>& Verbs() {
         {"mode-mask", "OCTAL", "Permission bits to clear from every file, as a umask."},
         {"overrides", "FILE",
          "Per-path owner, group and mode: lines 'PATH UID GID MODE' (PATH in the\n"
-         "image, MODE octal; '#' starts a comment). These win over the three above.",
+         "image, without blanks; MODE octal; '#' starts a comment). These win over\n"
+         "the three above.",
          false, Completion::kFile},
         kJobs,
         {"force", nullptr, "Build even when config.txt or the tree has errors (test packages)."},
