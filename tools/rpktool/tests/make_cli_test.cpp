@@ -142,6 +142,18 @@ TEST(Make, PartitionSizeIsExactAndChecked) {
   }
 }
 
+TEST(Make, ManyFilesAndALargeFileFitTheAutomaticSize) {
+  TempDir dir;
+  MakeSampleInputs(dir);
+  for (int i = 0; i < 1500; ++i) {
+    WriteWholeFile(dir / ("root/system/app/file_with_a_long_name_" + std::to_string(i)),
+                   std::string(i % 7 == 0 ? 5000 : 10, 'x'));
+  }
+  WriteWholeFile(dir / "root/system/big.bin", std::string(6 << 20, 'b'));
+  ASSERT_EQ(Make(dir, Fixture2048(), dir / "pkg.zip").exit_code, 0);
+  EXPECT_EQ(RunTool({"verify", dir / "pkg.zip"}).exit_code, 0);
+}
+
 // Outputs never replace what the user owns, whatever the path says.
 TEST(Make, RefusesOutputsThatAreInputsOrInsideTheTree) {
   TempDir dir;
@@ -293,12 +305,18 @@ TEST(Cli, HelpVersionUsageErrorsAndCompletion) {
       {{"info"}, "ZIP is required"},
       {{"info", "a.zip", "b.zip"}, "unexpected argument 'b.zip'"},
       {{"verify", "--jobs", "0", "a.zip"}, "not a thread count"},
+      {{"make", "--config", "c", "--root", "r", "--key", "k", "--output", "o", "--salt", "abc"},
+       "odd number"},
+      {{"make", "--config", "c", "--root", "r", "--key", "k", "--output", "o", "--salt", "zz"},
+       "not a hex digit"},
   };
   for (const Case& c : cases) {
     const ProgramRun run = RunTool(c.args);
     EXPECT_EQ(run.exit_code, 2) << c.words;
     EXPECT_TRUE(Contains(run.err, c.words)) << run.err;
   }
+  EXPECT_TRUE(RunTool({"extract-public-key", "--key", Fixture2048(), "--output", "-"}).out ==
+              ReadWholeFile(AvbFixture("keys/rsa2048.avbpubkey")));
   const Json::Value error = ParseJson(RunTool({"make", "--bogus", "--json"}).out)["error"];
   EXPECT_EQ(error["kind"].asString(), "usage") << error;
   EXPECT_EQ(error["message"].asString(), "unknown option --bogus");
