@@ -57,9 +57,6 @@ TEST_P(MakeEachAlgorithm, PackageVerifiesAndVeritysetupAgrees) {
   EXPECT_EQ(info["vbmeta"]["algorithm"].asString(), s.algorithm);
   EXPECT_EQ(info["public_key"]["bits"].asUInt(), s.bits);
   EXPECT_EQ(info["hashtree"]["hash_algorithm"].asString(), s.tree_hash);
-  EXPECT_EQ(info["image"]["offset"].asUInt64() % 4096, 0u);
-  EXPECT_EQ(info["footer"]["vbmeta_offset"].asUInt64(),
-            info["hashtree"]["tree_offset"].asUInt64() + info["hashtree"]["tree_size"].asUInt64());
 
   const std::string blob = dir / "key.blob";
   ASSERT_EQ(RunTool({"extract-public-key", "--key", key, "--output", blob}).exit_code, 0);

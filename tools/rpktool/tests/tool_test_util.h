@@ -1,8 +1,7 @@
 #pragma once
 
-// Helpers for the rpktool tests: running the tool, test keys, a sample
-// source tree and what `info` reports. Files, fixtures and programs come
-// from the shared test support.
+// Helpers for the rpktool tests: running the tool, keys, sample inputs and
+// what `info` reports; files, fixtures and programs come from test support.
 
 #include <json/json.h>
 

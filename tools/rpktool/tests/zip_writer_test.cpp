@@ -69,23 +69,6 @@ TEST(StoredZipWriter, ImageDataIsStoredAndAlignedWhereTheDaemonLooks) {
   }
 }
 
-TEST(StoredZipWriter, AlignmentExtraFieldNamesTheAlignment) {
-  TempDir dir;
-  const std::string path = dir / "pkg.zip";
-  WritePackageLike(path, "update_package_name=x\n", 4096);
-  const std::string bytes = mend_test::ReadWholeFile(path);
-  const size_t header = 40 + 22;  // config.txt member, then the image's local header
-  ASSERT_EQ(bytes.compare(header, 4, "PK\x03\x04"), 0);
-  const size_t extra_length =
-      static_cast<uint8_t>(bytes[header + 28]) | static_cast<uint8_t>(bytes[header + 29]) << 8;
-  EXPECT_EQ(header + 30 + 18 + extra_length, 4096u);
-  const size_t field = header + 30 + 18;
-  EXPECT_EQ(static_cast<uint8_t>(bytes[field]), 0x35);
-  EXPECT_EQ(static_cast<uint8_t>(bytes[field + 1]), 0xd9);
-  EXPECT_EQ(static_cast<uint8_t>(bytes[field + 4]) | static_cast<uint8_t>(bytes[field + 5]) << 8,
-            4096);
-}
-
 TEST(StoredZipWriter, RefusesMembersBeyondZip32) {
   TempDir dir;
   android::base::unique_fd fd(open((dir / "big.zip").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
