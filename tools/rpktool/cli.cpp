@@ -8,8 +8,8 @@ namespace rpktool {
 
 namespace {
 
-const OptionSpec* FindOption(const VerbSpec& verb, const std::string& name) {
-  for (const OptionSpec& option : verb.options) {
+const Option* FindOption(const Verb& verb, const std::string& name) {
+  for (const Option& option : verb.options) {
     if (name == option.name) return &option;
   }
   return nullptr;
@@ -43,7 +43,7 @@ std::string Arguments::Get(const std::string& name) const {
   return it == values.end() ? std::string() : it->second;
 }
 
-bool ParseCommand(const VerbSpec& verb, const std::vector<std::string>& words, ParsedCommand* out,
+bool ParseCommand(const Verb& verb, const std::vector<std::string>& words, ParsedCommand* out,
                   std::string* error) {
   Arguments& args = out->args;
   bool only_positionals = false;
@@ -67,7 +67,7 @@ bool ParseCommand(const VerbSpec& verb, const std::vector<std::string>& words, P
     }
     const size_t eq = word.find('=');
     const std::string name = word.substr(2, eq == std::string::npos ? std::string::npos : eq - 2);
-    const OptionSpec* option = FindOption(verb, name);
+    const Option* option = FindOption(verb, name);
     if (!option) {
       *error = "unknown option --" + name;
     } else if (args.Has(name) || args.Flag(name)) {
@@ -84,7 +84,7 @@ bool ParseCommand(const VerbSpec& verb, const std::vector<std::string>& words, P
     }
     if (!error->empty()) return false;
   }
-  for (const OptionSpec& option : verb.options) {
+  for (const Option& option : verb.options) {
     if (option.required && !args.Has(option.name)) {
       *error = std::string("--") + option.name + " is required";
       return false;
@@ -97,11 +97,11 @@ bool ParseCommand(const VerbSpec& verb, const std::vector<std::string>& words, P
   return true;
 }
 
-std::string VerbHelp(const VerbSpec& verb) {
+std::string VerbHelp(const Verb& verb) {
   std::ostringstream out;
   out << "usage: rpktool " << verb.usage << "\n\n" << verb.description << "\n\n";
   if (verb.positional) out << "  " << verb.positional << "\n      " << verb.positional_help << "\n";
-  for (const OptionSpec& option : verb.options) {
+  for (const Option& option : verb.options) {
     out << "  --" << option.name << (option.metavar ? std::string(" ") + option.metavar : "")
         << "\n      ";
     for (const char* c = option.help; *c; ++c) {
@@ -119,7 +119,7 @@ std::string ToolUsage() {
          "       rpktool --version\n\n"
          "Builds, signs, inspects and verifies repair packages (a zip with config.txt and\n"
          "an AVB-signed ext4 image, update_payload.img).\n\nverbs:\n";
-  for (const VerbSpec& verb : Verbs()) {
+  for (const Verb& verb : Verbs()) {
     std::string name = verb.name;
     name.resize(21, ' ');
     out << "  " << name << verb.summary << "\n";
@@ -136,15 +136,15 @@ std::string BashCompletion() {
          "  local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD-1]}\n"
          "  if (( COMP_CWORD == 1 )); then\n"
          "    COMPREPLY=($(compgen -W \"";
-  for (const VerbSpec& verb : Verbs()) out << verb.name << " ";
+  for (const Verb& verb : Verbs()) out << verb.name << " ";
   out << "--help --version\" -- \"$cur\"))\n"
          "    return\n"
          "  fi\n"
          "  case ${COMP_WORDS[1]} in\n";
-  for (const VerbSpec& verb : Verbs()) {
+  for (const Verb& verb : Verbs()) {
     out << "    " << verb.name << ")\n      case $prev in\n";
     std::string options = "--help";
-    for (const OptionSpec& option : verb.options) {
+    for (const Option& option : verb.options) {
       options += std::string(" --") + option.name;
       if (!option.metavar) continue;
       const std::string words = CompletionWords(option.completion, option.choices);

@@ -15,8 +15,7 @@ constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
 
 // Prints what the verb found and returns the exit code.
-int Emit(const rpktool::VerbSpec& verb, const rpktool::Arguments& args,
-         const rpktool::Report& report) {
+int Emit(const rpktool::Verb& verb, const rpktool::Arguments& args, const rpktool::Report& report) {
   const rpktool::Failure* failure = report.failure();
   if (args.Flag("json")) {
     Json::StreamWriterBuilder builder;
@@ -60,7 +59,7 @@ int main(int argc, char** argv) {
     fputs(rpktool::BashCompletion().c_str(), stdout);
     return kExitOk;
   }
-  const rpktool::VerbSpec* verb = rpktool::FindVerb(words[0]);
+  const rpktool::Verb* verb = rpktool::FindVerb(words[0]);
   if (!verb) {
     fprintf(stderr, "rpktool: unknown verb '%s'\n\n%s", rpktool::Printable(words[0]).c_str(),
             rpktool::ToolUsage().c_str());

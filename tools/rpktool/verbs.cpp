@@ -4,16 +4,16 @@ namespace rpktool {
 
 namespace {
 
-const OptionSpec kJson{"json", nullptr, "Print one JSON object instead of text."};
-const OptionSpec kJobs{"jobs", "N", "Hashing threads; default: the number of CPUs."};
-const OptionSpec kStrict{"strict", nullptr,
+const Option kJson{"json", nullptr, "Print one JSON object instead of text."};
+const Option kJobs{"jobs", "N", "Hashing threads; default: the number of CPUs."};
+const Option kStrict{"strict", nullptr,
                          "Treat config.txt warnings as errors: what the daemon accepts but\n"
                          "will likely not work as meant."};
 
 }  // namespace
 
-const std::vector<VerbSpec>& Verbs() {
-  static const std::vector<VerbSpec> kVerbs = {
+const std::vector<Verb>& Verbs() {
+  static const std::vector<Verb> kVerbs = {
       {"make", "build and sign a package from a directory tree",
        "make --config FILE --root DIR --key PEM --output ZIP [options]",
        "Builds a signed repair package: an ext4 image of DIR (mke2fs), its dm-verity hash\n"
@@ -89,8 +89,8 @@ const std::vector<VerbSpec>& Verbs() {
   return kVerbs;
 }
 
-const VerbSpec* FindVerb(const std::string& name) {
-  for (const VerbSpec& verb : Verbs()) {
+const Verb* FindVerb(const std::string& name) {
+  for (const Verb& verb : Verbs()) {
     if (name == verb.name) return &verb;
   }
   return nullptr;

@@ -29,7 +29,7 @@ struct Arguments {
 // What the shell completes after an option or for a positional argument.
 enum class Completion { kNone, kFile, kDirectory, kChoices };
 
-struct OptionSpec {
+struct Option {
   const char* name;     // without "--"
   const char* metavar;  // nullptr for a flag
   const char* help;
@@ -38,19 +38,19 @@ struct OptionSpec {
   const char* choices = "";  // blank-separated, for kChoices
 };
 
-struct VerbSpec {
+struct Verb {
   const char* name;
   const char* summary;
   const char* usage;  // after "rpktool "
   const char* description;
-  std::vector<OptionSpec> options;
+  std::vector<Option> options;
   const char* positional = nullptr;  // metavar of the one positional argument
   const char* positional_help = "";
   void (*run)(const Arguments& args, Report* report) = nullptr;
 };
 
-const std::vector<VerbSpec>& Verbs();
-const VerbSpec* FindVerb(const std::string& name);
+const std::vector<Verb>& Verbs();
+const Verb* FindVerb(const std::string& name);
 
 void RunMake(const Arguments& args, Report* report);
 void RunExtractPublicKey(const Arguments& args, Report* report);
@@ -65,9 +65,9 @@ struct ParsedCommand {
   Arguments args;
   bool help = false;
 };
-bool ParseCommand(const VerbSpec& verb, const std::vector<std::string>& words, ParsedCommand* out,
+bool ParseCommand(const Verb& verb, const std::vector<std::string>& words, ParsedCommand* out,
                   std::string* error);
-std::string VerbHelp(const VerbSpec& verb);
+std::string VerbHelp(const Verb& verb);
 std::string ToolUsage();
 // A bash completion script for every verb and option.
 std::string BashCompletion();
