@@ -7,8 +7,8 @@ namespace {
 const Option kJson{"json", nullptr, "Print one JSON object instead of text."};
 const Option kJobs{"jobs", "N", "Hashing threads; default: the number of CPUs."};
 const Option kStrict{"strict", nullptr,
-                         "Treat config.txt warnings as errors: what the daemon accepts but\n"
-                         "will likely not work as meant."};
+                     "Treat config.txt warnings as errors: what the daemon accepts but\n"
+                     "will likely not work as meant."};
 
 }  // namespace
 
