@@ -3,10 +3,17 @@
 
 set(ANDROID_LIB_DIR /usr/lib/x86_64-linux-gnu/android)
 set(ANDROID_INCLUDE_DIR /usr/include/android)
+# The libcrypto for hashes and signatures: OpenSSL, or the BoringSSL that a
+# device's platform has (Debian's build of it), to prove the code uses only
+# what both offer.
+set(MEND_CRYPTO openssl CACHE STRING "libcrypto to build against: openssl or boringssl")
 # Debian's BoringSSL headers also live under /usr/include/android/openssl;
 # searching that directory after the system one keeps <openssl/...> on
-# OpenSSL's headers, which is the libcrypto these builds link.
+# OpenSSL's headers, unless BoringSSL is the libcrypto of the build.
 set(ANDROID_INCLUDE_FLAG "-idirafter${ANDROID_INCLUDE_DIR}")
+if(MEND_CRYPTO STREQUAL "boringssl")
+  set(ANDROID_INCLUDE_FLAG "-isystem${ANDROID_INCLUDE_DIR}")
+endif()
 
 # Installed programs keep finding Debian's Android libraries there.
 set(CMAKE_INSTALL_RPATH_USE_LINK_PATH ON)
@@ -17,8 +24,23 @@ endforeach()
 find_path(JSONCPP_INCLUDE_DIR json/json.h PATH_SUFFIXES jsoncpp REQUIRED)
 find_library(JSONCPP_LIBRARY jsoncpp REQUIRED)
 find_package(fmt REQUIRED)
-find_package(OpenSSL REQUIRED)
 find_package(Threads REQUIRED)
+
+# The RSA and digest calls used are in both libraries; OpenSSL 3 marks some
+# deprecated, which the compatibility level keeps quiet.
+add_library(mend_crypto INTERFACE)
+target_compile_definitions(mend_crypto INTERFACE OPENSSL_API_COMPAT=0x10100000L)
+if(MEND_CRYPTO STREQUAL "boringssl")
+  find_library(BORINGSSL_CRYPTO_LIBRARY crypto PATHS ${ANDROID_LIB_DIR} NO_DEFAULT_PATH REQUIRED)
+  target_compile_options(mend_crypto INTERFACE ${ANDROID_INCLUDE_FLAG})
+  target_link_libraries(mend_crypto INTERFACE ${BORINGSSL_CRYPTO_LIBRARY})
+  target_link_options(mend_crypto INTERFACE "-Wl,-rpath,${ANDROID_LIB_DIR}")
+elseif(MEND_CRYPTO STREQUAL "openssl")
+  find_package(OpenSSL REQUIRED)
+  target_link_libraries(mend_crypto INTERFACE OpenSSL::Crypto)
+else()
+  message(FATAL_ERROR "MEND_CRYPTO must be openssl or boringssl, not ${MEND_CRYPTO}")
+endif()
 
 # One interface target per platform library, as Android.bp names them.
 add_library(android_libbase INTERFACE)

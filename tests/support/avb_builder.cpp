@@ -4,17 +4,15 @@
 #include <cstdlib>
 #include <map>
 
-#include "avb_algorithm.h"
 #include "avb_fixtures.h"
 #include "byte_order.h"
-#include "public_key_blob.h"
-#include "vbmeta_builder.h"
 #include "zip_builder.h"
 
 namespace mend_test {
 namespace {
 
 constexpr size_t kBlockSize = 4096;
+constexpr char kRelease[] = "test 1.0";
 
 [[noreturn]] void Fail(const std::string& what) {
   fprintf(stderr, "avb builder: %s\n", what.c_str());
@@ -29,20 +27,20 @@ std::string Text(const std::vector<uint8_t>& bytes) { return {bytes.begin(), byt
 std::vector<uint8_t> Bytes(const std::string& text) { return {text.begin(), text.end()}; }
 
 std::string PadTo(std::string bytes, size_t multiple) {
-  bytes.resize(rpktool::RoundUp(bytes.size(), multiple), '\0');
+  bytes.resize(avbformat::RoundUp(bytes.size(), multiple), '\0');
   return bytes;
 }
 
 }  // namespace
 
 void StoreBe32(std::string* bytes, size_t offset, uint32_t value) {
-  rpktool::PutBe32(At(bytes, offset), value);
+  avbformat::PutBe32(At(bytes, offset), value);
 }
 void StoreBe64(std::string* bytes, size_t offset, uint64_t value) {
-  rpktool::PutBe64(At(bytes, offset), value);
+  avbformat::PutBe64(At(bytes, offset), value);
 }
 uint64_t LoadBe64(const std::string& bytes, size_t offset) {
-  return rpktool::GetBe64(reinterpret_cast<const uint8_t*>(bytes.data() + offset));
+  return avbformat::GetBe64(reinterpret_cast<const uint8_t*>(bytes.data() + offset));
 }
 
 const rpktool::RsaKey& Key(const std::string& name) {
@@ -51,18 +49,14 @@ const rpktool::RsaKey& Key(const std::string& name) {
   if (it == keys.end()) {
     const std::string path = name == "rsa8192" ? SourcePath("tests/fixtures/keys/rsa8192.pem")
                                                : AvbFixture("keys/" + name + ".pem");
-    auto key = rpktool::RsaKey::LoadPem(path);
+    auto key = rpktool::RsaKey::Load(path);
     if (!key.ok()) Fail(key.error().message());
     it = keys.emplace(name, std::move(*key)).first;
   }
   return it->second;
 }
 
-std::string KeyBlob(const rpktool::RsaKey& key) {
-  auto blob = rpktool::EncodePublicKeyBlob(key);
-  if (!blob.ok()) Fail(blob.error().message());
-  return Text(*blob);
-}
+std::string KeyBlob(const rpktool::RsaKey& key) { return Text(key.public_key_blob()); }
 
 std::string DescriptorBytes(uint64_t tag, const std::string& body) {
   std::string out(16, '\0');
@@ -72,8 +66,8 @@ std::string DescriptorBytes(uint64_t tag, const std::string& body) {
   return out + padded;
 }
 
-rpktool::HashtreeDescriptor SampleHashtree() {
-  rpktool::HashtreeDescriptor d;
+avbformat::HashtreeDescriptor SampleHashtree() {
+  avbformat::HashtreeDescriptor d;
   d.image_size = 1 << 20;
   d.tree_offset = 1 << 20;
   d.tree_size = 12288;
@@ -84,60 +78,65 @@ rpktool::HashtreeDescriptor SampleHashtree() {
   return d;
 }
 
-std::string HashtreeBytes(const rpktool::HashtreeDescriptor& descriptor) {
-  return Text(rpktool::SerializeHashtreeDescriptor(descriptor));
+std::string HashtreeBytes(const avbformat::HashtreeDescriptor& descriptor) {
+  return Text(avbformat::WriteHashtreeDescriptor(descriptor));
 }
 
 std::string SignedVbmeta(const std::string& descriptors, uint32_t algorithm,
                          const rpktool::RsaKey& key, std::optional<std::string> public_key_blob) {
-  const rpktool::AvbAlgorithm* named = rpktool::FindAlgorithmByType(algorithm);
+  const avbformat::Algorithm* named = avbformat::FindAlgorithm(algorithm);
   if (named == nullptr || named->key_bits == 0) {
     Fail("no signing algorithm " + std::to_string(algorithm));
   }
-  rpktool::AvbAlgorithm signing = *named;
+  // The key may be of another size than the algorithm names.
+  avbformat::Algorithm signing = *named;
   signing.key_bits = key.bits();
   signing.signature_size = key.bits() / 8;
-  auto vbmeta = rpktool::BuildSignedVbmeta(signing, key, Bytes(descriptors),
-                                           Bytes(public_key_blob.value_or(KeyBlob(key))));
-  if (!vbmeta.ok()) Fail(vbmeta.error().message());
+  auto vbmeta = avbformat::WriteSignedVbmeta(
+      signing, Bytes(descriptors), Bytes(public_key_blob.value_or(KeyBlob(key))), kRelease,
+      [&](const std::vector<uint8_t>& covered) -> std::optional<avbformat::HashAndSignature> {
+        auto signed_by = key.Sign(signing, covered);
+        if (!signed_by.ok()) Fail(signed_by.error().message());
+        return *signed_by;
+      });
+  if (!vbmeta) Fail("cannot sign a vbmeta block");
   return Text(*vbmeta);
 }
 
 std::string UnsignedVbmeta(const std::string& descriptors) {
-  rpktool::VbmetaHeader header;
-  header.aux_block_size = rpktool::RoundUp(descriptors.size(), 64);
+  avbformat::VbmetaHeader header;
+  header.aux_block_size = avbformat::RoundUp(descriptors.size(), 64);
   header.descriptors_size = descriptors.size();
   header.public_key_offset = descriptors.size();
   header.public_key_metadata_offset = descriptors.size();
-  header.release_string = rpktool::kReleaseString;
-  const auto bytes = rpktool::SerializeVbmetaHeader(header);
+  header.release_string = kRelease;
+  const auto bytes = avbformat::WriteVbmetaHeader(header);
   return std::string(bytes.begin(), bytes.end()) + PadTo(descriptors, 64);
 }
 
 VbmetaLayout LayoutOf(const std::string& vbmeta) {
-  auto header = rpktool::ParseVbmetaHeader(reinterpret_cast<const uint8_t*>(vbmeta.data()),
-                                           vbmeta.size());
-  if (!header.ok()) Fail(header.error().message());
-  VbmetaLayout layout{*header, rpktool::kVbmetaHeaderSize, 0, 0};
-  layout.aux_offset = layout.auth_offset + header->auth_block_size;
-  layout.public_key_offset = layout.aux_offset + header->public_key_offset;
-  return layout;
+  const auto check =
+      avbformat::CheckVbmeta(reinterpret_cast<const uint8_t*>(vbmeta.data()), vbmeta.size());
+  if (!check.ok()) Fail(check.reason);
+  const avbformat::VbmetaHeader& header = check.header;
+  return VbmetaLayout{header, header.auth_offset(), header.aux_offset(),
+                      header.aux_offset() + header.public_key_offset};
 }
 
-std::string FooterBytes(const rpktool::Footer& footer) {
-  const auto bytes = rpktool::SerializeFooter(footer);
+std::string FooterBytes(const avbformat::Footer& footer) {
+  const auto bytes = avbformat::WriteFooter(footer);
   return std::string(bytes.begin(), bytes.end());
 }
 
 std::string BuildImage(const std::string& data, const std::string& vbmeta,
                        std::optional<uint64_t> footer_vbmeta_size) {
-  rpktool::Footer footer;
+  avbformat::Footer footer;
   footer.original_image_size = data.size();
   std::string image = PadTo(data, kBlockSize);
   footer.vbmeta_offset = image.size();
   footer.vbmeta_size = footer_vbmeta_size.value_or(vbmeta.size());
   image += PadTo(vbmeta, kBlockSize);
-  return image + std::string(kBlockSize - rpktool::kFooterSize, '\0') + FooterBytes(footer);
+  return image + std::string(kBlockSize - avbformat::kFooterSize, '\0') + FooterBytes(footer);
 }
 
 void WritePackage(const std::string& path, const std::string& image) {

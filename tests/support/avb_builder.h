@@ -1,15 +1,15 @@
 #pragma once
 
-// Crafts signed images for tests with the package tool's own serializers
-// and signer, so that tests build valid inputs and then break exactly one
-// thing, mostly by editing the serialized bytes.
+// Crafts signed images for tests with the image format library's writers
+// and the package tool's signer, so that tests build valid inputs and then
+// break exactly one thing, mostly by editing the written bytes.
 
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
 
-#include "avb_structs.h"
+#include "avb_format.h"
 #include "rsa_key.h"
 
 namespace mend_test {
@@ -29,8 +29,8 @@ std::string KeyBlob(const rpktool::RsaKey& key);
 std::string DescriptorBytes(uint64_t tag, const std::string& body);
 // A hashtree descriptor of a 1 MiB sha256 image, with 32-byte salt and
 // root digest; tests change what they need.
-rpktool::HashtreeDescriptor SampleHashtree();
-std::string HashtreeBytes(const rpktool::HashtreeDescriptor& descriptor = SampleHashtree());
+avbformat::HashtreeDescriptor SampleHashtree();
+std::string HashtreeBytes(const avbformat::HashtreeDescriptor& descriptor = SampleHashtree());
 // Offsets of the hashtree descriptor's three length fields.
 inline constexpr size_t kPartitionNameLenOffset = 104;
 inline constexpr size_t kSaltLenOffset = 108;
@@ -48,9 +48,9 @@ std::string UnsignedVbmeta(const std::string& descriptors);
 
 // Where the parts of a block built here lie, in bytes from its start.
 struct VbmetaLayout {
-  rpktool::VbmetaHeader header;
-  size_t auth_offset;        // the hash, then the signature
-  size_t aux_offset;         // the descriptors, then the public key
+  avbformat::VbmetaHeader header;
+  size_t auth_offset;  // the hash, then the signature
+  size_t aux_offset;   // the descriptors, then the public key
   size_t public_key_offset;
 };
 VbmetaLayout LayoutOf(const std::string& vbmeta);
@@ -60,7 +60,7 @@ VbmetaLayout LayoutOf(const std::string& vbmeta);
 // `footer_vbmeta_size` replaces the size the footer states.
 std::string BuildImage(const std::string& data, const std::string& vbmeta,
                        std::optional<uint64_t> footer_vbmeta_size = std::nullopt);
-std::string FooterBytes(const rpktool::Footer& footer);
+std::string FooterBytes(const avbformat::Footer& footer);
 
 // A package zip holding a config.txt and `image` at a 4096-byte aligned offset.
 void WritePackage(const std::string& path, const std::string& image);

@@ -18,7 +18,7 @@
 namespace mend_test {
 namespace {
 
-using rpktool::Footer;
+using avbformat::Footer;
 using rpktool::RsaKey;
 
 const uint8_t* Bytes(const std::string& s) { return reinterpret_cast<const uint8_t*>(s.data()); }

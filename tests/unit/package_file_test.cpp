@@ -197,7 +197,7 @@ TEST_F(PackageVerifyTest, ComparesTheWholeEmbeddedKeyWithTheTrustedOne) {
 }
 
 TEST_F(PackageVerifyTest, TakesTheFirstHashtreeDescriptorAfterOthers) {
-  rpktool::HashtreeDescriptor first = SampleHashtree();
+  avbformat::HashtreeDescriptor first = SampleHashtree();
   first.salt = {'s', 'a', 'l', 't'};
   first.root_digest.assign(32, 0x01);
   first.hash_algorithm = "sha1";
@@ -247,7 +247,7 @@ TEST(VerityDataFromVbmetaTest, ChecksTheDescriptorAgainstTheBlockEnd) {
 }
 
 TEST(VerityDataFromVbmetaTest, AlgorithmNameFillingItsFieldStaysInside) {
-  rpktool::HashtreeDescriptor descriptor = SampleHashtree();
+  avbformat::HashtreeDescriptor descriptor = SampleHashtree();
   descriptor.hash_algorithm = std::string(32, 'a');
   const std::string block = UnsignedVbmeta(HashtreeBytes(descriptor));
   LogRecorder log(/*echo=*/false);

@@ -3,9 +3,8 @@
 #include <thread>
 
 #include "hash_tree_checker.h"
-#include "hex.h"
+#include "parse.h"
 #include "progress.h"
-#include "tree_layout.h"
 
 namespace mendctl {
 
@@ -13,7 +12,7 @@ android::base::Result<std::optional<BadBlock>> FindBadBlock(int fd, uint64_t off
                                                             uint64_t length,
                                                             const TreeGeometry& geometry) {
   rpktool::VerityParams params;
-  params.image_size = geometry.data_blocks * geometry.data_block_size;
+  params.data_size = geometry.data_blocks * geometry.data_block_size;
   params.tree_offset = geometry.hash_start_block * geometry.hash_block_size;
   params.data_block_size = geometry.data_block_size;
   params.hash_block_size = geometry.hash_block_size;
@@ -24,14 +23,8 @@ android::base::Result<std::optional<BadBlock>> FindBadBlock(int fd, uint64_t off
   if (!salt.ok()) return salt.error();
   params.root_digest = *digest;
   params.salt = *salt;
-  // The table does not state the tree's size; the geometry does.
-  auto layout =
-      rpktool::ComputeTreeLayout(params.image_size, params.data_block_size, params.hash_block_size,
-                                 static_cast<uint32_t>(params.root_digest.size()));
-  if (!layout.ok()) return layout.error();
-  params.tree_size = layout->tree_size;
 
-  rpktool::Progress progress("verifying", params.image_size);
+  rpktool::Progress progress("verifying", params.data_size);
   auto result = rpktool::CheckHashTree(
       fd, offset, length, params, std::max(1u, std::thread::hardware_concurrency()), &progress);
   if (!result.ok()) return result.error();

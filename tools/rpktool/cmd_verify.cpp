@@ -1,192 +1,112 @@
 #include <android-base/logging.h>
-#include <android-base/parseint.h>
-#include <json/json.h>
-#include <openssl/evp.h>
 
-#include <cstdio>
-
-#include "arg_parser.h"
-#include "commands.h"
-#include "hex.h"
 #include "package_verifier.h"
-#include "parallel.h"
+#include "parse.h"
+#include "verbs.h"
 
 namespace rpktool {
 
 namespace {
 
-constexpr char kVerb[] = "verify";
-
-std::string Sha256Hex(const std::vector<uint8_t>& data) {
-  uint8_t digest[EVP_MAX_MD_SIZE];
-  unsigned length = 0;
-  EVP_Digest(data.data(), data.size(), digest, &length, EVP_sha256(), nullptr);
-  return ToHex(digest, length);
-}
-
-Json::Value BadBlockJson(const BadBlock& bad) {
-  Json::Value out(Json::objectValue);
-  out["kind"] = bad.is_data ? "data" : "hash";
-  out["index"] = static_cast<Json::UInt64>(bad.index);
-  out["image_offset"] = static_cast<Json::UInt64>(bad.image_offset);
+void AddBadBlock(const BadBlock& bad, Report* report) {
+  Report& block = report->Section("bad_block", "bad block");
+  block.Add("kind", "kind", bad.is_data ? "data" : "hash")
+      .Add("index", "index", U64(bad.index))
+      .Add("image_offset", "image offset", U64(bad.image_offset));
   if (bad.is_data) {
-    out["zero_at_signing"] = bad.zero_at_signing;
+    block.Add("zero_at_signing", "zeros at signing", bad.zero_at_signing);
   } else {
-    out["level"] = bad.level;
-    out["levels"] = bad.level_count;
+    block.Add("level", "level", bad.level).Add("levels", "levels", bad.level_count);
   }
-  out["description"] = DescribeBadBlock(bad);
-  return out;
+  block.Add("description", "description", DescribeBadBlock(bad));
 }
 
-Json::Value OutcomeJson(const std::string& path, const std::string& key_source,
-                        const VerifyOutcome& outcome) {
-  Json::Value out(Json::objectValue);
-  out["package"] = path;
-  out["ok"] = outcome.ok();
-  if (!outcome.ok()) out["failure"] = outcome.FailureReason();
-  out["key"]["source"] = key_source;
-  out["key"]["sha256"] = outcome.key.empty() ? "" : Sha256Hex(outcome.key);
-  out["key"]["size"] = static_cast<Json::UInt64>(outcome.key.size());
-  out["avb"]["ok"] = outcome.avb_error.empty();
-  out["avb"]["error"] = outcome.avb_error;
-  out["avb"]["algorithm"] = outcome.algorithm;
-  Json::Value tree(Json::objectValue);
-  tree["checked"] = outcome.tree.has_value();
-  tree["ok"] = outcome.tree.has_value() && !outcome.tree->bad_block && outcome.tree_error.empty();
-  tree["error"] = outcome.tree_error;
-  if (outcome.verity) {
-    tree["hash_algorithm"] = outcome.verity->hash_algorithm;
-    tree["salt"] = ToHex(outcome.verity->salt);
-    tree["root_digest"] = ToHex(outcome.verity->root_digest);
-    tree["image_size"] = static_cast<Json::UInt64>(outcome.verity->image_size);
-    tree["tree_offset"] = static_cast<Json::UInt64>(outcome.verity->tree_offset);
-    tree["tree_size"] = static_cast<Json::UInt64>(outcome.verity->tree_size);
-  }
-  if (outcome.tree) {
-    tree["data_blocks"] = static_cast<Json::UInt64>(outcome.tree->data_blocks);
-    tree["zero_blocks"] = static_cast<Json::UInt64>(outcome.tree->zero_blocks);
-    if (outcome.tree->bad_block) tree["bad_block"] = BadBlockJson(*outcome.tree->bad_block);
-  }
-  out["hash_tree"] = tree;
-  out["config"]["errors"] = Json::Value(Json::arrayValue);
-  out["config"]["warnings"] = Json::Value(Json::arrayValue);
-  for (const auto& e : outcome.config_errors) out["config"]["errors"].append(e);
-  for (const auto& w : outcome.config_warnings) out["config"]["warnings"].append(w);
-  out["problems"] = Json::Value(Json::arrayValue);
-  for (const auto& p : outcome.problems) out["problems"].append(p);
-  return out;
-}
-
-void PrintText(const std::string& path, const std::string& key_source,
-               const VerifyOutcome& outcome) {
-  printf("package:    %s\n", path.c_str());
-  if (outcome.key.empty()) {
-    printf("key:        none (%s)\n", key_source.c_str());
+// Checks every block of the tree and the data; returns why it fails, if it does.
+std::string CheckTree(const Inspection& inspection, unsigned threads, Report* report) {
+  Report& tree = report->Section("hash_tree", "hash tree");
+  tree.Add("checked", "checked", inspection.verity.has_value());
+  if (!inspection.verity) return "";
+  const VerityParams params = inspection.Params();
+  const AvbHashtreeDescriptor& desc = *inspection.verity->desc;
+  tree.Add("hash_algorithm", "algorithm", params.hash_algorithm)
+      .Add("salt", "salt", ToHex(params.salt))
+      .Add("root_digest", "root digest", ToHex(params.root_digest))
+      .Add("image_size", "data size", U64(desc.image_size))
+      .Add("tree_offset", "tree offset", U64(desc.tree_offset))
+      .Add("tree_size", "tree size", U64(desc.tree_size));
+  std::string failure;
+  if (desc.dm_verity_version != 1) {
+    failure = "dm-verity version " + std::to_string(desc.dm_verity_version) +
+              " is not the format this tool checks (1)";
   } else {
-    printf("key:        %s, %zu bytes, sha256 %s\n", key_source.c_str(), outcome.key.size(),
-           Sha256Hex(outcome.key).c_str());
+    const PackageFile& zip = inspection.package;
+    Progress progress("verifying", params.data_size);
+    auto checked = CheckHashTree(zip.fd.get(), zip.image->data_offset, zip.image->uncompressed_size,
+                                 params, threads, &progress);
+    progress.Finish();
+    if (!checked.ok()) {
+      failure = "hash tree: " + checked.error().message();
+    } else {
+      tree.Add("data_blocks", "data blocks", U64(checked->data_blocks))
+          .Add("zero_blocks", "zero blocks at signing", U64(checked->zero_blocks));
+      if (checked->bad_block) {
+        AddBadBlock(*checked->bad_block, &tree);
+        failure = DescribeBadBlock(*checked->bad_block);
+      } else if (checked->tree_size != desc.tree_size) {
+        failure = "the descriptor's tree size " + std::to_string(desc.tree_size) +
+                  " is not the tree's " + std::to_string(checked->tree_size);
+      }
+    }
   }
-  if (outcome.avb_error.empty()) {
-    printf("avb:        OK (%s; footer, signature, key and hashtree descriptor)\n",
-           outcome.algorithm.c_str());
-  } else {
-    printf("avb:        FAILED: %s\n", outcome.avb_error.c_str());
-  }
-  if (!outcome.tree_error.empty()) {
-    printf("hash tree:  FAILED: %s\n", outcome.tree_error.c_str());
-  } else if (outcome.tree && outcome.tree->bad_block) {
-    printf("hash tree:  FAILED: %s\n", DescribeBadBlock(*outcome.tree->bad_block).c_str());
-  } else if (outcome.tree) {
-    printf("hash tree:  OK (%s, %llu data blocks of which %llu were all zeros at signing)\n",
-           outcome.verity->hash_algorithm.c_str(),
-           static_cast<unsigned long long>(outcome.tree->data_blocks),
-           static_cast<unsigned long long>(outcome.tree->zero_blocks));
-  } else {
-    printf("hash tree:  not checked\n");
-  }
-  printf("config:     %s (%zu warnings)\n", outcome.config_errors.empty() ? "OK" : "FAILED",
-         outcome.config_warnings.size());
-  for (const auto& e : outcome.config_errors) printf("  error: %s\n", e.c_str());
-  for (const auto& w : outcome.config_warnings) printf("  warning: %s\n", w.c_str());
-  for (const auto& p : outcome.problems) printf("problem:    %s\n", p.c_str());
-  printf("result:     %s\n", outcome.ok() ? "OK" : "FAILED");
+  tree.Add("ok", "ok", failure.empty())
+      .Add("error", "error", failure.empty() ? Json::Value() : failure);
+  return failure;
 }
 
 }  // namespace
 
-int RunVerify(const std::vector<std::string>& args) {
-  std::string key_path, jobs;
-  bool json = false, verbose = false;
-  std::vector<std::string> paths;
-  ArgParser parser(
-      "rpktool verify [--key BLOB] [--json] ZIP",
-      "Checks a package offline as the daemon would before mounting it, using the\n"
-      "daemon's own package code for the AVB footer, the vbmeta signature, the key and\n"
-      "the hashtree descriptor; then checks every data and hash-tree block against the\n"
-      "tree in parallel and names the first bad one (a data block that was all zeros at\n"
-      "signing is one that the daemon's dm-verity read, which ignores zero blocks, would\n"
-      "not catch); then checks config.txt. Without --key the package's embedded key is\n"
-      "used, which proves the image is intact but not who signed it. Exits 1 on failure.");
-  parser.AddOption("key", "BLOB",
-                   "The trusted key: a key blob (as /system/etc/security/rpk_public_key)\n"
-                   "      or a PEM RSA key.",
-                   &key_path);
-  parser.AddOption("jobs", "N", "Hashing threads; default: the number of CPUs.", &jobs);
-  parser.AddFlag("json", "Print one JSON object instead of text.", &json);
-  parser.AddFlag("verbose", "Also show the daemon code's log lines.", &verbose);
-  parser.SetPositionals("ZIP", "The package.", 1, 1, &paths);
-  auto parsed = parser.Parse(args);
-  if (!parsed.ok()) {
-    ReportError(kVerb, parsed.error().message() + " (see rpktool verify --help)");
-    return kExitUsage;
-  }
-  if (!*parsed) return kExitOk;
-
-  VerifyRequest request;
-  request.package_path = paths[0];
-  request.threads = DefaultThreadCount();
-  if (!jobs.empty() && (!android::base::ParseUint(jobs, &request.threads, 1024u) ||
-                        request.threads == 0)) {
-    ReportError(kVerb, "--jobs: '" + jobs + "' is not a thread count");
-    return kExitUsage;
-  }
+void RunVerify(const Arguments& args, Report* report) {
+  unsigned threads = 1;
+  if (!ParseJobs(args, &threads, report)) return;
+  std::optional<std::vector<uint8_t>> trusted_key;
   std::string key_source = "embedded in the package (no --key: only the signature is checked)";
-  if (!key_path.empty()) {
-    auto key = LoadTrustedKey(key_path);
-    if (!key.ok()) {
-      ReportError(kVerb, key.error().message());
-      return kExitFailure;
-    }
-    request.trusted_key = *key;
-    key_source = "trusted key " + key_path;
+  if (args.Has("key")) {
+    auto key = LoadTrustedKey(args.Get("key"));
+    if (!key.ok()) return report->Fail(FailureKind::kInput, key.error().message());
+    trusted_key = *key;
+    key_source = "trusted key " + args.Get("key");
   }
-  // The daemon code logs as it goes; keep it quiet unless asked.
-  if (verbose) {
-    android::base::SetMinimumLogSeverity(android::base::VERBOSE);
-  } else {
-    android::base::SetLogger([](android::base::LogId, android::base::LogSeverity, const char*,
-                                const char*, unsigned int, const char*) {});
-  }
+  // The daemon's code logs as it goes; keep it quiet unless asked.
+  android::base::SetMinimumLogSeverity(args.Flag("verbose") ? android::base::VERBOSE
+                                                            : android::base::FATAL);
+  const std::string path = args.positionals[0];
+  auto inspection = InspectPackage(path, trusted_key, args.Flag("strict"));
+  if (!inspection.ok()) return report->Fail(FailureKind::kInput, inspection.error().message());
 
-  auto outcome = VerifyPackage(request);
-  if (!outcome.ok()) {
-    ReportError(kVerb, outcome.error().message());
-    return kExitFailure;
+  report->Add("package", "package", path);
+  report->Section("key", "key")
+      .Add("source", "source", key_source)
+      .Add("size", "size", U64(inspection->key.size()))
+      .Add("sha256", "sha256", inspection->key.empty() ? "" : DigestHex("sha256", inspection->key));
+  const avbformat::Algorithm* algorithm =
+      inspection->metadata.check
+          ? avbformat::FindAlgorithm(inspection->metadata.check->header.algorithm_type)
+          : nullptr;
+  report->Section("avb", "signed metadata")
+      .Add("ok", "accepted", inspection->avb_error.empty())
+      .Add("error", "error", inspection->avb_error.empty() ? Json::Value() : inspection->avb_error)
+      .Add("algorithm", "algorithm", algorithm ? algorithm->name : "");
+  const std::string tree_failure = CheckTree(*inspection, threads, report);
+  AddConfig(*inspection, report);
+  AddProblems(*inspection, report);
+  std::string failure = inspection->avb_error;
+  if (failure.empty()) failure = tree_failure;
+  if (failure.empty()) failure = inspection->FailureReason();
+  report->Add("ok", "result", failure.empty(), failure.empty() ? "OK" : "FAILED");
+  if (!failure.empty()) {
+    report->Add("failure", "failure", failure);
+    report->Fail(FailureKind::kVerification, "FAILED: " + failure);
   }
-  if (json) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "  ";
-    printf("%s\n", Json::writeString(builder, OutcomeJson(paths[0], key_source, *outcome)).c_str());
-  } else {
-    PrintText(paths[0], key_source, *outcome);
-  }
-  if (!outcome->ok()) {
-    fflush(stdout);
-    ReportError(kVerb, "FAILED: " + outcome->FailureReason());
-    return kExitFailure;
-  }
-  return kExitOk;
 }
 
 }  // namespace rpktool

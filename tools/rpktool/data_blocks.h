@@ -1,8 +1,9 @@
 #pragma once
 
-// Parallel pass over the data blocks of an image: reads large pieces with
-// one buffer per worker and hands each worker whole blocks (the last one
-// zero-padded when the data area ends inside it).
+// Parallel pass over the data blocks of an image: large pieces in no fixed
+// order, each handed to a worker as whole blocks (the last one zero-padded
+// when the data area ends inside it), straight from the page cache where
+// the file covers the area.
 
 #include <android-base/result.h>
 
@@ -10,12 +11,12 @@
 #include <cstdint>
 #include <functional>
 
+#include "hash_tree_geometry.h"
 #include "progress.h"
-#include "tree_layout.h"
 
 namespace rpktool {
 
-// Bytes read per piece; a multiple of every valid block size.
+// Bytes per piece; a multiple of every valid block size.
 inline constexpr uint64_t kDataPieceSize = 2u << 20;
 
 using DataBlocksFunction = std::function<android::base::Result<void>(
@@ -23,11 +24,10 @@ using DataBlocksFunction = std::function<android::base::Result<void>(
     uint64_t data_bytes)>;
 
 // Reads the data area (layout.data_size bytes at `data_offset` in `fd`) on
-// `threads` workers; `fn` gets block-aligned pieces in no fixed order, and
-// `data_bytes` is the part of the piece that came from the file. `limit`
-// (in blocks) stops the pass early as in ForEachChunk.
+// `threads` workers; `data_bytes` is the part of a piece that came from the
+// file. `limit` (in blocks) stops the pass early as in ForEachChunk.
 android::base::Result<void> ForEachDataPiece(int fd, uint64_t data_offset,
-                                             const TreeLayout& layout, unsigned threads,
+                                             const avbformat::TreeLayout& layout, unsigned threads,
                                              std::atomic<uint64_t>* limit, Progress* progress,
                                              const DataBlocksFunction& fn);
 

@@ -1,10 +1,10 @@
 #include "ext4_image.h"
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <memory>
+#include <sstream>
 #include <vector>
 
 #include "byte_order.h"
@@ -12,9 +12,10 @@
 
 namespace rpktool {
 
-using android::base::Error;
 using android::base::ErrnoError;
+using android::base::Error;
 using android::base::Result;
+using avbformat::RoundUp;
 
 namespace {
 
@@ -41,18 +42,17 @@ Result<void> Walk(const std::string& path, SourceTree* tree) {
     if (lstat(child.c_str(), &st) != 0) return ErrnoError() << "cannot stat " << child;
     ++tree->entries;
     dir_bytes += RoundUp(8 + name.size(), 4);
-    if (st.st_uid != 0 || st.st_gid != 0) {
-      if (tree->not_root_owned++ == 0) tree->not_root_example = child;
+    if ((st.st_uid != 0 || st.st_gid != 0) && tree->not_root_owned++ == 0) {
+      tree->not_root_example = child;
     }
     if (S_ISDIR(st.st_mode)) {
-      auto result = Walk(child, tree);
-      if (!result.ok()) return result;
+      if (auto result = Walk(child, tree); !result.ok()) return result;
     } else if (S_ISREG(st.st_mode)) {
       const uint64_t size = static_cast<uint64_t>(st.st_size);
-      tree->content_blocks += RoundUp(size, kFsBlockSize) / kFsBlockSize +
-                              size / kBytesPerExtentBlock;
+      tree->content_blocks +=
+          RoundUp(size, kFsBlockSize) / kFsBlockSize + size / kBytesPerExtentBlock;
     } else if (S_ISLNK(st.st_mode)) {
-      if (static_cast<uint64_t>(st.st_size) >= kInlineSymlinkMax) ++tree->content_blocks;
+      tree->content_blocks += static_cast<uint64_t>(st.st_size) >= kInlineSymlinkMax;
     }
   }
   uint64_t blocks = RoundUp(dir_bytes, kFsBlockSize) / kFsBlockSize;
@@ -68,9 +68,21 @@ Result<SourceTree> ScanSourceTree(const std::string& root) {
   if (stat(root.c_str(), &st) != 0) return ErrnoError() << "cannot stat " << root;
   if (!S_ISDIR(st.st_mode)) return Error() << root << " is not a directory";
   SourceTree tree;
-  auto result = Walk(root, &tree);
-  if (!result.ok()) return result.error();
+  if (auto result = Walk(root, &tree); !result.ok()) return result.error();
   return tree;
+}
+
+bool IsDirectoryInTree(const std::string& root, const std::string& path) {
+  std::istringstream components(path);
+  std::string component;
+  std::string at = root;
+  while (std::getline(components, component, '/')) {
+    if (component.empty()) continue;
+    at += "/" + component;
+    struct stat st;
+    if (lstat(at.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return false;
+  }
+  return true;
 }
 
 uint64_t InodeCount(const SourceTree& tree) {
@@ -79,7 +91,8 @@ uint64_t InodeCount(const SourceTree& tree) {
 }
 
 uint64_t EstimateFsBlocks(const SourceTree& tree) {
-  const uint64_t inode_table_blocks = RoundUp(InodeCount(tree) * kInodeSize, kFsBlockSize) / kFsBlockSize;
+  const uint64_t inode_table_blocks =
+      RoundUp(InodeCount(tree) * kInodeSize, kFsBlockSize) / kFsBlockSize;
   // Content plus 5% and 1 MiB of free room, lost+found and the inode tables.
   uint64_t blocks = tree.content_blocks + tree.content_blocks / 20 + 256 + 4 + inode_table_blocks;
   // Per group: two bitmaps, and at most a superblock and descriptor copy.
@@ -98,15 +111,17 @@ Result<Mke2fsOutcome> RunMke2fs(const Mke2fsRequest& request) {
                                    std::to_string(kFsBlockSize),
                                    // Package images are read-only: no journal, never resized,
                                    // no blocks reserved for root.
-                                   "-O", "^has_journal,^resize_inode", "-m", "0",
-                                   "-N", std::to_string(request.inodes), "-L", "update_payload"};
+                                   "-O", "^has_journal,^resize_inode", "-m", "0", "-N",
+                                   std::to_string(request.inodes), "-L", "update_payload"};
   if (request.uuid) {
     argv.insert(argv.end(), {"-U", *request.uuid});
     extended += ",hash_seed=" + *request.uuid;
   }
-  if (request.fixed_time) env.push_back("E2FSPROGS_FAKE_TIME=" + std::to_string(*request.fixed_time));
-  argv.insert(argv.end(), {"-E", extended, "-d", request.source_dir, request.output_file,
-                           std::to_string(request.blocks)});
+  if (request.fixed_time) {
+    env.push_back("E2FSPROGS_FAKE_TIME=" + std::to_string(*request.fixed_time));
+  }
+  argv.insert(argv.end(), {"-E", extended, "-d", PathArgument(request.source_dir),
+                           PathArgument(request.output_file), std::to_string(request.blocks)});
 
   auto run = RunProcess(argv, env);
   if (!run.ok()) return run.error();

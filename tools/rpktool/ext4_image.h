@@ -1,7 +1,7 @@
 #pragma once
 
-// The ext4 filesystem of a package: sizing it from a source tree and
-// creating it with mke2fs directly inside the output file.
+// The ext4 filesystem of a package: the tree it is made from, its size,
+// and creating it with mke2fs directly inside the output file.
 
 #include <android-base/result.h>
 
@@ -14,14 +14,18 @@ namespace rpktool {
 inline constexpr uint32_t kFsBlockSize = 4096;
 
 struct SourceTree {
-  uint64_t entries = 0;           // files, directories, links, others (root excluded)
-  uint64_t content_blocks = 0;    // file data, directory and symlink blocks
-  uint64_t not_root_owned = 0;    // entries whose owner or group is not 0
-  std::string not_root_example;   // one such path, for the warning
+  uint64_t entries = 0;          // files, directories, links, others (root excluded)
+  uint64_t content_blocks = 0;   // 4 KiB blocks of file data, directories and symlinks
+  uint64_t not_root_owned = 0;   // entries whose owner or group is not 0
+  std::string not_root_example;  // one such path, for the warning
 };
 
 // Walks `root` without following symlinks. Fails if it is not a directory.
 android::base::Result<SourceTree> ScanSourceTree(const std::string& root);
+
+// Whether `path` (absolute, inside the tree) names a directory of the tree
+// reached through directories only, no symlinks.
+bool IsDirectoryInTree(const std::string& root, const std::string& path);
 
 // A filesystem size (in blocks) that holds `tree` with some free room.
 uint64_t EstimateFsBlocks(const SourceTree& tree);

@@ -1,53 +1,26 @@
 #include "file_io.h"
 
+#include <android-base/file.h>
+#include <android-base/unique_fd.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <climits>
-#include <csignal>
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
-
 namespace rpktool {
 
-using android::base::Error;
 using android::base::ErrnoError;
+using android::base::Error;
 using android::base::Result;
 using android::base::unique_fd;
-
-namespace {
-
-// The temporary file to remove if a signal ends the process; one at a time.
-char g_pending_path[PATH_MAX];
-
-void RemovePendingAndDie(int signal_number) {
-  if (g_pending_path[0] != '\0') unlink(g_pending_path);
-  ::signal(signal_number, SIG_DFL);
-  raise(signal_number);
-}
-
-void SetPendingPath(const std::string& path) {
-  if (path.size() < sizeof(g_pending_path)) {
-    memcpy(g_pending_path, path.c_str(), path.size() + 1);
-  }
-}
-
-}  // namespace
-
-void RemovePendingFileOnSignals() {
-  struct sigaction action = {};
-  action.sa_handler = RemovePendingAndDie;
-  for (int signal_number : {SIGINT, SIGTERM, SIGHUP}) sigaction(signal_number, &action, nullptr);
-}
 
 Result<void> ReadAt(int fd, void* data, size_t size, uint64_t offset) {
   auto* out = static_cast<uint8_t*>(data);
   while (size > 0) {
-    ssize_t n = TEMP_FAILURE_RETRY(pread(fd, out, size, static_cast<off_t>(offset)));
-    if (n < 0) return ErrnoError() << "read of " << size << " bytes at offset " << offset << " failed";
+    const ssize_t n = TEMP_FAILURE_RETRY(pread(fd, out, size, static_cast<off_t>(offset)));
+    if (n < 0) {
+      return ErrnoError() << "read of " << size << " bytes at offset " << offset << " failed";
+    }
     if (n == 0) return Error() << "file ends before offset " << offset + size;
     out += n;
     size -= static_cast<size_t>(n);
@@ -66,8 +39,10 @@ Result<std::vector<uint8_t>> ReadAt(int fd, size_t size, uint64_t offset) {
 Result<void> WriteAt(int fd, const void* data, size_t size, uint64_t offset) {
   const auto* in = static_cast<const uint8_t*>(data);
   while (size > 0) {
-    ssize_t n = TEMP_FAILURE_RETRY(pwrite(fd, in, size, static_cast<off_t>(offset)));
-    if (n < 0) return ErrnoError() << "write of " << size << " bytes at offset " << offset << " failed";
+    const ssize_t n = TEMP_FAILURE_RETRY(pwrite(fd, in, size, static_cast<off_t>(offset)));
+    if (n < 0) {
+      return ErrnoError() << "write of " << size << " bytes at offset " << offset << " failed";
+    }
     in += n;
     size -= static_cast<size_t>(n);
     offset += static_cast<uint64_t>(n);
@@ -81,24 +56,26 @@ Result<uint64_t> FileSize(int fd) {
   return static_cast<uint64_t>(st.st_size);
 }
 
-Result<std::string> ReadSmallFile(const std::string& path, size_t max_size) {
-  unique_fd fd(TEMP_FAILURE_RETRY(open(path.c_str(), O_RDONLY | O_CLOEXEC)));
-  if (fd < 0) return ErrnoError() << "cannot open " << path;
-  auto size = FileSize(fd.get());
-  if (!size.ok()) return Error() << path << ": " << size.error();
-  if (*size > max_size) return Error() << path << " is larger than " << max_size << " bytes";
-  std::string text(*size, '\0');
-  auto read = ReadAt(fd.get(), text.data(), text.size(), 0);
-  if (!read.ok()) return Error() << path << ": " << read.error();
+Result<std::string> ReadInput(const std::string& path, size_t max_size) {
+  const bool from_stdin = path == "-";
+  unique_fd fd(from_stdin ? dup(STDIN_FILENO)
+                          : TEMP_FAILURE_RETRY(open(path.c_str(), O_RDONLY | O_CLOEXEC)));
+  const std::string name = from_stdin ? "standard input" : path;
+  if (fd < 0) return ErrnoError() << "cannot open " << name;
+  struct stat st;
+  if (fstat(fd.get(), &st) != 0) return ErrnoError() << "cannot stat " << name;
+  if (S_ISDIR(st.st_mode)) return Error() << name << " is a directory";
+  std::string text;
+  char buffer[8192];
+  ssize_t n;
+  while ((n = TEMP_FAILURE_RETRY(read(fd.get(), buffer, sizeof(buffer)))) > 0) {
+    text.append(buffer, static_cast<size_t>(n));
+    if (text.size() > max_size) {
+      return Error() << name << " is larger than " << max_size << " bytes";
+    }
+  }
+  if (n < 0) return ErrnoError() << "cannot read " << name;
   return text;
-}
-
-Result<void> WriteFileAtomically(const std::string& path, const std::string& data) {
-  auto file = PendingFile::Create(path);
-  if (!file.ok()) return file.error();
-  auto written = WriteAt(file->fd(), data.data(), data.size(), 0);
-  if (!written.ok()) return Error() << file->temp_path() << ": " << written.error();
-  return file->Commit();
 }
 
 Result<ReadOnlyMapping> ReadOnlyMapping::Map(int fd, uint64_t offset, uint64_t size) {
@@ -119,42 +96,6 @@ ReadOnlyMapping::ReadOnlyMapping(ReadOnlyMapping&& other) noexcept
 
 ReadOnlyMapping::~ReadOnlyMapping() {
   if (base_ != nullptr) munmap(base_, length_);
-}
-
-Result<PendingFile> PendingFile::Create(const std::string& final_path) {
-  std::string temp_path = final_path + ".tmp-XXXXXX";
-  unique_fd fd(mkostemp(temp_path.data(), O_CLOEXEC));
-  if (fd < 0) return ErrnoError() << "cannot create a file next to " << final_path;
-  // mkstemp makes the file private; give it the usual mode for new files.
-  mode_t mask = umask(0);
-  umask(mask);
-  fchmod(fd.get(), 0666 & ~mask);
-  SetPendingPath(temp_path);
-  return PendingFile(std::move(fd), std::move(temp_path), final_path);
-}
-
-PendingFile::PendingFile(PendingFile&& other) noexcept
-    : fd_(std::move(other.fd_)),
-      temp_path_(std::move(other.temp_path_)),
-      final_path_(std::move(other.final_path_)),
-      committed_(other.committed_) {
-  other.committed_ = true;
-}
-
-PendingFile::~PendingFile() {
-  if (committed_) return;
-  unlink(temp_path_.c_str());
-  if (temp_path_ == g_pending_path) g_pending_path[0] = '\0';
-}
-
-Result<void> PendingFile::Commit() {
-  if (fsync(fd_.get()) != 0) return ErrnoError() << "cannot flush " << temp_path_;
-  if (rename(temp_path_.c_str(), final_path_.c_str()) != 0) {
-    return ErrnoError() << "cannot rename " << temp_path_ << " to " << final_path_;
-  }
-  committed_ = true;
-  if (temp_path_ == g_pending_path) g_pending_path[0] = '\0';
-  return {};
 }
 
 }  // namespace rpktool

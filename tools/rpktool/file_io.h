@@ -1,10 +1,9 @@
 #pragma once
 
-// Positioned whole reads and writes, and an output file that appears at its
-// final path only once it is complete.
+// Positioned whole reads and writes, small input files (or standard input)
+// and read-only mappings.
 
 #include <android-base/result.h>
-#include <android-base/unique_fd.h>
 
 #include <cstdint>
 #include <string>
@@ -18,8 +17,8 @@ android::base::Result<void> ReadAt(int fd, void* data, size_t size, uint64_t off
 android::base::Result<std::vector<uint8_t>> ReadAt(int fd, size_t size, uint64_t offset);
 android::base::Result<void> WriteAt(int fd, const void* data, size_t size, uint64_t offset);
 android::base::Result<uint64_t> FileSize(int fd);
-android::base::Result<std::string> ReadSmallFile(const std::string& path, size_t max_size);
-android::base::Result<void> WriteFileAtomically(const std::string& path, const std::string& data);
+// A whole file of at most `max_size` bytes; "-" reads standard input.
+android::base::Result<std::string> ReadInput(const std::string& path, size_t max_size);
 
 // A read-only mapping of part of a file; unmapped when dropped. The caller
 // makes sure the file covers the range: touching a page past the end of the
@@ -43,35 +42,5 @@ class ReadOnlyMapping {
   size_t length_;
   size_t lead_;  // bytes mapped before `offset` to start on a page
 };
-
-// A temporary file next to `final_path`, renamed over it by Commit() and
-// removed if dropped before that, or if the process is interrupted (see
-// RemovePendingFileOnSignals).
-class PendingFile {
- public:
-  static android::base::Result<PendingFile> Create(const std::string& final_path);
-  PendingFile(PendingFile&& other) noexcept;
-  PendingFile& operator=(PendingFile&&) = delete;
-  PendingFile(const PendingFile&) = delete;
-  ~PendingFile();
-
-  int fd() const { return fd_.get(); }
-  const std::string& temp_path() const { return temp_path_; }
-  // Flushes the data to disk, then renames the file to its final path.
-  android::base::Result<void> Commit();
-
- private:
-  PendingFile(android::base::unique_fd fd, std::string temp_path, std::string final_path)
-      : fd_(std::move(fd)), temp_path_(std::move(temp_path)), final_path_(std::move(final_path)) {}
-
-  android::base::unique_fd fd_;
-  std::string temp_path_;
-  std::string final_path_;
-  bool committed_ = false;
-};
-
-// Makes SIGINT, SIGTERM and SIGHUP remove the pending file of the moment
-// before the process ends.
-void RemovePendingFileOnSignals();
 
 }  // namespace rpktool

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "block_hasher.h"
+#include "hash_tree_geometry.h"
 #include "progress.h"
-#include "tree_layout.h"
 
 namespace rpktool {
 
@@ -23,13 +23,9 @@ struct HashTree {
 using DataObserver = std::function<void(uint64_t offset, const uint8_t* data, size_t size)>;
 
 android::base::Result<HashTree> BuildHashTree(int fd, uint64_t data_offset,
-                                              const TreeLayout& layout, const BlockHasher& hasher,
-                                              unsigned threads, Progress* progress = nullptr,
+                                              const avbformat::TreeLayout& layout,
+                                              const BlockHasher& hasher, unsigned threads,
+                                              Progress* progress = nullptr,
                                               const DataObserver& observer = nullptr);
-
-// Fills levels 1 and up from level 0 (already in `tree`) and returns the
-// root digest. With no levels, `single_block` is the only data block.
-std::vector<uint8_t> CompleteUpperLevels(const TreeLayout& layout, BlockHasher& hasher,
-                                         std::vector<uint8_t>& tree, const uint8_t* single_block);
 
 }  // namespace rpktool

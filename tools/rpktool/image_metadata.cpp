@@ -1,89 +1,50 @@
 #include "image_metadata.h"
 
+#include "byte_order.h"
 #include "file_io.h"
+#include "mend_mount_file.h"
 
 namespace rpktool {
 
-namespace {
-
-// Far above any real vbmeta; keeps a corrupt footer from asking for gigabytes.
-constexpr uint64_t kMaxVbmetaSize = 16 << 20;
-
-}  // namespace
-
-const HashtreeDescriptor* ImageMetadata::Hashtree() const {
-  for (const auto& descriptor : descriptors) {
-    if (descriptor.hashtree) return &*descriptor.hashtree;
-  }
-  return nullptr;
-}
-
 ImageMetadata ReadImageMetadata(int fd, uint64_t offset, uint64_t size) {
   ImageMetadata meta;
-  if (size < kFooterSize) {
-    meta.problem = "the image is smaller than an AVB footer";
+  uint8_t footer[avbformat::kFooterSize];
+  if (size < sizeof(footer) ||
+      !ReadAt(fd, footer, sizeof(footer), offset + size - sizeof(footer)).ok()) {
+    meta.problem = "the image has no room for a footer";
     return meta;
   }
-  auto footer_bytes = ReadAt(fd, kFooterSize, offset + size - kFooterSize);
-  if (!footer_bytes.ok()) {
-    meta.problem = "cannot read the AVB footer: " + footer_bytes.error().message();
+  meta.footer = avbformat::ReadFooter(footer);
+  if (!meta.footer) {
+    meta.problem = "no footer: the magic is not AVBf or the version is newer than 1";
     return meta;
   }
-  auto footer = ParseFooter(footer_bytes->data());
-  if (!footer.ok()) {
-    meta.problem = footer.error().message();
+  const uint64_t vbmeta_size = meta.footer->vbmeta_size;
+  if (vbmeta_size > android::rpk::kVbMetaMaxSize ||
+      !avbformat::RangeFits(meta.footer->vbmeta_offset, vbmeta_size, size)) {
+    meta.problem = "the footer's vbmeta block [" + std::to_string(meta.footer->vbmeta_offset) +
+                   ", +" + std::to_string(vbmeta_size) + ") is larger than " +
+                   std::to_string(android::rpk::kVbMetaMaxSize) + " bytes or outside the image";
     return meta;
   }
-  meta.footer = *footer;
-
-  if (footer->vbmeta_size > kMaxVbmetaSize || footer->vbmeta_offset > size ||
-      footer->vbmeta_size > size - footer->vbmeta_offset) {
-    meta.problem = "the footer's vbmeta range [" + std::to_string(footer->vbmeta_offset) + ", +" +
-                   std::to_string(footer->vbmeta_size) + ") does not fit the image";
-    return meta;
-  }
-  auto vbmeta = ReadAt(fd, footer->vbmeta_size, offset + footer->vbmeta_offset);
+  auto vbmeta = ReadAt(fd, vbmeta_size, offset + meta.footer->vbmeta_offset);
   if (!vbmeta.ok()) {
-    meta.problem = "cannot read vbmeta: " + vbmeta.error().message();
+    meta.problem = "cannot read the vbmeta block: " + vbmeta.error().message();
     return meta;
   }
   meta.vbmeta = std::move(*vbmeta);
-
-  auto header = ParseVbmetaHeader(meta.vbmeta.data(), meta.vbmeta.size());
-  if (!header.ok()) {
-    meta.problem = header.error().message();
-    return meta;
+  meta.check = avbformat::CheckVbmeta(meta.vbmeta.data(), meta.vbmeta.size());
+  if (meta.check->ok()) {
+    const uint8_t* key =
+        meta.vbmeta.data() + meta.check->header.aux_offset() + meta.check->header.public_key_offset;
+    meta.public_key.assign(key, key + meta.check->header.public_key_size);
   }
-  meta.header = *header;
-  const uint8_t* aux = meta.vbmeta.data() + kVbmetaHeaderSize + header->auth_block_size;
-  meta.public_key.assign(aux + header->public_key_offset,
-                         aux + header->public_key_offset + header->public_key_size);
-
-  auto raw = SplitDescriptors(aux + header->descriptors_offset, header->descriptors_size);
-  if (!raw.ok()) {
-    meta.problem = raw.error().message();
-    return meta;
-  }
-  for (const auto& descriptor : *raw) {
-    DescriptorInfo info;
-    info.tag = descriptor.tag;
-    info.size = descriptor.body_size;
-    if (descriptor.tag == kTagHashtree) {
-      auto parsed = ParseHashtreeDescriptor(descriptor);
-      if (parsed.ok()) {
-        info.hashtree = *parsed;
-      } else {
-        info.problem = parsed.error().message();
-      }
-    } else if (descriptor.tag == kTagHash) {
-      auto parsed = ParseHashDescriptor(descriptor);
-      if (parsed.ok()) {
-        info.hash = *parsed;
-      } else {
-        info.problem = parsed.error().message();
-      }
+  for (const auto& span : avbformat::WalkDescriptors(meta.vbmeta.data(), meta.vbmeta.size())) {
+    const uint8_t* at = meta.vbmeta.data() + span.offset;
+    DescriptorInfo info{span.tag, span.size, std::nullopt};
+    if (span.tag == avbformat::kTagHashtree) {
+      info.hashtree = avbformat::ReadHashtreeDescriptor(at, span.size);
     }
-    if (!info.problem.empty() && meta.problem.empty()) meta.problem = info.problem;
     meta.descriptors.push_back(std::move(info));
   }
   return meta;

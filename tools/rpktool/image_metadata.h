@@ -1,43 +1,35 @@
 #pragma once
 
-// Reads the AVB metadata at the end of a package image (footer, vbmeta
-// header, key, descriptors) without checking any signature. Whatever could
-// be read is kept; `problem` names the first thing that could not.
+// Reads the signed metadata at the end of a package image (footer, vbmeta
+// header, key, descriptors) through the image format library, without
+// checking any signature, to show it. Whether a device accepts the image
+// is for the daemon's own code to say (see package_verifier.h).
 
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "avb_algorithm.h"
-#include "avb_structs.h"
+#include "avb_format.h"
 
 namespace rpktool {
 
 struct DescriptorInfo {
   uint64_t tag = 0;
-  uint64_t size = 0;  // bytes following the 16-byte header
-  std::optional<HashtreeDescriptor> hashtree;
-  std::optional<HashDescriptor> hash;
-  std::string problem;  // why a hashtree or hash descriptor did not parse
+  uint64_t size = 0;  // header included
+  std::optional<avbformat::HashtreeDescriptor> hashtree;
 };
 
 struct ImageMetadata {
-  std::optional<Footer> footer;
-  std::optional<VbmetaHeader> header;
-  std::vector<uint8_t> vbmeta;  // the block the footer points at
-  std::vector<uint8_t> public_key;
+  std::optional<avbformat::Footer> footer;
+  std::vector<uint8_t> vbmeta;                  // the block the footer points at
+  std::optional<avbformat::VbmetaCheck> check;  // once the block was read
+  std::vector<uint8_t> public_key;              // once the header is valid
   std::vector<DescriptorInfo> descriptors;
-  std::string problem;  // empty when everything parsed
-
-  // The first hashtree descriptor, if any parsed.
-  const HashtreeDescriptor* Hashtree() const;
+  std::string problem;  // why the footer or the block could not be read
 };
 
 // `offset` and `size` locate the image inside `fd`.
 ImageMetadata ReadImageMetadata(int fd, uint64_t offset, uint64_t size);
-
-// The largest vbmeta block the daemon reads.
-inline constexpr uint64_t kDaemonVbmetaLimit = 64 * 1024;
 
 }  // namespace rpktool

@@ -1,67 +1,37 @@
 #include "package_config.h"
 
-#include <cctype>
-#include <cerrno>
-#include <climits>
 #include <cstdlib>
 #include <set>
 #include <sstream>
+
+#include "mend_package.h"
+#include "mend_paths.h"
+#include "report.h"
 
 namespace rpktool {
 
 namespace {
 
-const std::vector<std::string>& KnownKeys() {
-  static const std::vector<std::string> kKeys = {
-      "update_package_name", "update_version_name",    "update_version_code",
-      "module_num",          "module_name",            "module_path",
-      "fix_method",          "ro_build_display_id",    "trigger_rollback_count",
-      "structure_version",   "is_async_exec"};
-  return kKeys;
-}
+using android::init::ConfigLine;
 
-const std::set<std::string>& NumericKeys() {
-  static const std::set<std::string> kKeys = {"update_version_code", "trigger_rollback_count",
-                                              "structure_version", "is_async_exec"};
-  return kKeys;
-}
+// Longest dm device name (the kernel's name field holds 128 bytes).
+constexpr size_t kMaxPackageNameLength = 127;
 
-bool IsKnownKey(const std::string& key) {
-  for (const auto& known : KnownKeys()) {
-    if (key == known) return true;
+const android::init::ConfigKey* FindKey(const std::string& name) {
+  for (const auto& key : android::init::kConfigKeys) {
+    if (name == key.name) return &key;
   }
-  return false;
-}
-
-std::string Trimmed(const std::string& text) {
-  size_t begin = 0, end = text.size();
-  while (begin < end && isspace(static_cast<unsigned char>(text[begin]))) ++begin;
-  while (end > begin && isspace(static_cast<unsigned char>(text[end - 1]))) --end;
-  return text.substr(begin, end - begin);
-}
-
-// The daemon converts with a base-10 string-to-int conversion that throws
-// when no number leads the text or it is out of int range.
-enum class IntParse { kOk, kTrailingText, kNotANumber, kOutOfRange };
-IntParse ParseLeadingInt(const std::string& text, int* value) {
-  const char* begin = text.c_str();
-  char* end = nullptr;
-  errno = 0;
-  long parsed = strtol(begin, &end, 10);
-  if (end == begin) return IntParse::kNotANumber;
-  if (errno == ERANGE || parsed < INT_MIN || parsed > INT_MAX) return IntParse::kOutOfRange;
-  *value = static_cast<int>(parsed);
-  std::string rest(end);
-  return rest.empty() || rest == "\r" ? IntParse::kOk : IntParse::kTrailingText;
+  return nullptr;
 }
 
 class Checker {
  public:
-  explicit Checker(PackageConfig* config) : config_(config) {}
+  Checker(PackageConfig* config, bool strict) : config_(config), strict_(strict) {}
 
   void Error(const std::string& message) { config_->issues.push_back({true, message}); }
-  void Warn(const std::string& message) { config_->issues.push_back({false, message}); }
+  void Warn(const std::string& message) { config_->issues.push_back({strict_, message}); }
 
+  void CheckBytes(const std::string& text);
   void ReadLines(const std::string& text);
   void CheckName();
   void CheckNumbers();
@@ -70,39 +40,59 @@ class Checker {
 
  private:
   PackageConfig* config_;
+  bool strict_;
 };
 
-void Checker::ReadLines(const std::string& text) {
-  if (text.find('\r') != std::string::npos) {
-    Warn("config.txt has CR line endings; the daemon keeps the CR as part of every value");
+// Every byte is text: no NUL, no other control character than the line
+// feed, valid UTF-8. Reports the first that is not.
+void Checker::CheckBytes(const std::string& text) {
+  int line = 1;
+  for (size_t i = 0; i < text.size();) {
+    const unsigned char c = static_cast<unsigned char>(text[i]);
+    const std::string where = "line " + std::to_string(line) + ": ";
+    if (c == '\n') ++line;
+    if ((c < 0x20 && c != '\n') || c == 0x7f) {
+      char code[8];
+      snprintf(code, sizeof(code), "0x%02x", c);
+      Error(where + "control character " + code +
+            (c == '\r' ? " (CR line endings?); the daemon keeps it as part of the value"
+                       : "; the daemon keeps it as part of the value"));
+      return;
+    }
+    const size_t length = Utf8Length(text, i);
+    if (length == 0) {
+      Error(where + "bytes that are not UTF-8");
+      return;
+    }
+    i += length;
   }
-  std::istringstream stream(text);
+}
+
+void Checker::ReadLines(const std::string& text) {
+  std::set<int> defining;
+  for (const ConfigLine& line : android::init::readConfigLines(text)) {
+    defining.insert(line.line);
+    const std::string where = "line " + std::to_string(line.line) + ": ";
+    if (!FindKey(line.key)) {
+      std::istringstream words(line.key);
+      std::string word;
+      words >> word;
+      Warn(where + "key '" + line.key + "' " +
+           (FindKey(word) ? "has blanks around it, so the daemon does not recognise it"
+                          : "is unknown; the daemon ignores it"));
+    }
+    if (!config_->values.emplace(line.key, line.value).second) {
+      Error(where + "key '" + line.key + "' is given again; the daemon would use this value");
+      config_->values[line.key] = line.value;
+    }
+  }
+  std::istringstream lines(text);
   std::string line;
-  std::set<std::string> seen;
-  for (int number = 1; std::getline(stream, line, '\n'); ++number) {
-    const std::string where = "line " + std::to_string(number) + ": ";
-    const size_t eq = line.find('=');
-    if (eq == std::string::npos) {
-      if (!Trimmed(line).empty()) Warn(where + "no '=', the daemon ignores the line");
-      continue;
+  for (int number = 1; std::getline(lines, line); ++number) {
+    if (!line.empty() && defining.count(number) == 0) {
+      Warn("line " + std::to_string(number) + ": '" + line +
+           "' has no '=' or no value, so it defines nothing");
     }
-    const std::string key = line.substr(0, eq);
-    const std::string value = line.substr(eq + 1);
-    if (!IsKnownKey(key)) {
-      if (IsKnownKey(Trimmed(key))) {
-        Warn(where + "key '" + key + "' has blanks around it, so the daemon does not recognise it");
-      } else {
-        Warn(where + "unknown key '" + key + "' (the daemon ignores it)");
-      }
-    }
-    if (value.empty()) {
-      Warn(where + "'" + key + "=' has no value; the daemon ignores the line");
-      continue;
-    }
-    if (!seen.insert(key).second) {
-      Warn(where + "key '" + key + "' is given again; the last value wins");
-    }
-    config_->values[key] = value;
   }
 }
 
@@ -110,50 +100,41 @@ void Checker::CheckName() {
   const std::string name = config_->Get("update_package_name");
   if (name.empty()) {
     Error("update_package_name is missing; the daemon ignores a package without a name");
-    return;
-  }
-  if (name == "." || name == ".." || name.find('/') != std::string::npos) {
+  } else if (name == "." || name == ".." || name.find('/') != std::string::npos ||
+             name.find(' ') != std::string::npos) {
     Error("update_package_name '" + name + "' cannot name the mount point /mnt/rvx/<name>");
-  }
-  for (char c : name) {
-    if (iscntrl(static_cast<unsigned char>(c)) || c == ' ') {
-      Error("update_package_name contains blanks or control characters");
-      break;
-    }
-  }
-  if (name.size() > 127) {
-    Error("update_package_name is longer than 127 characters, too long for a dm device name");
+  } else if (name.size() > kMaxPackageNameLength) {
+    Error("update_package_name is longer than 127 bytes, too long for a dm device name");
+  } else if (name == android::mend::kTrialDeviceName) {
+    Error(
+        "update_package_name 'tmp' is the daemon's trial device name; every later package on "
+        "the device would fail");
   }
 }
 
 void Checker::CheckNumbers() {
-  for (const auto& key : NumericKeys()) {
-    auto it = config_->values.find(key);
-    if (it == config_->values.end()) {
-      if (key == "update_version_code") {
-        Warn("update_version_code is missing; the daemon uses 0");
-      }
+  if (config_->values.count("update_version_code") == 0) {
+    Warn("update_version_code is missing; the daemon uses 0");
+  }
+  for (const auto& key : android::init::kConfigKeys) {
+    const auto it = config_->values.find(key.name);
+    if (!key.is_number || it == config_->values.end()) continue;
+    const std::string& text = it->second;
+    if (!android::init::convertsToConfigNumber(text)) {
+      Error(std::string(key.name) + "='" + text +
+            "' is not a number in int range; the daemon would end while scanning");
       continue;
     }
-    int value = 0;
-    switch (ParseLeadingInt(it->second, &value)) {
-      case IntParse::kNotANumber:
-        Error(key + "='" + it->second + "' is not a number; the daemon would end while scanning");
-        continue;
-      case IntParse::kOutOfRange:
-        Error(key + "='" + it->second + "' is out of int range; the daemon would end while scanning");
-        continue;
-      case IntParse::kTrailingText:
-        Warn(key + "='" + it->second + "' has trailing text; the daemon reads " +
-             std::to_string(value));
-        break;
-      case IntParse::kOk:
-        break;
+    char* end = nullptr;
+    const long value = strtol(text.c_str(), &end, 10);
+    if (*end != '\0') {
+      Warn(std::string(key.name) + "='" + text + "' has trailing text; the daemon reads " +
+           std::to_string(value));
     }
-    if (key == "trigger_rollback_count" && value < 0) {
-      Error("trigger_rollback_count is negative; the daemon refuses the package on every boot");
+    if (it->first == "trigger_rollback_count" && value < 0) {
+      Warn("trigger_rollback_count is negative; the daemon refuses the package on every boot");
     }
-    if (key == "is_async_exec" && value != 0 && value != 1) {
+    if (it->first == "is_async_exec" && value != 0 && value != 1) {
       Warn("is_async_exec=" + std::to_string(value) +
            " is neither 0 nor 1; the daemon treats it as 0 (synchronous run)");
     }
@@ -161,17 +142,17 @@ void Checker::CheckNumbers() {
 }
 
 void Checker::CheckModules() {
-  const std::string paths = config_->Get("module_path");
-  const std::vector<std::string> modules = SplitConfigList(paths);
+  const std::vector<std::string> modules = config_->ModulePaths();
   if (modules.empty()) {
     Error("module_path is missing; the package would overlay nothing and be reported as failed");
     return;
   }
   for (const auto& module : modules) {
     if (module.empty()) {
-      Error("module_path '" + paths + "' has an empty entry; an empty module path ends the daemon");
-    } else if (module[0] != '/') {
-      Warn("module_path entry '" + module + "' is not an absolute path");
+      Error("module_path has an empty entry; an empty module path ends the daemon");
+    } else if (module[0] != '/' || ("/" + module + "/").find("/../") != std::string::npos ||
+               ("/" + module + "/").find("/./") != std::string::npos) {
+      Error("module_path entry '" + module + "' is not an absolute path without '.' or '..'");
     }
   }
   const std::string count = config_->Get("module_num");
@@ -182,10 +163,10 @@ void Checker::CheckModules() {
 }
 
 void Checker::CheckBuilds() {
-  const std::vector<std::string> builds = SplitConfigList(config_->Get("ro_build_display_id"));
+  const std::vector<std::string> builds =
+      android::init::MendRepairUtil::split(config_->Get("ro_build_display_id"), ';');
   if (builds.empty()) {
-    Error("ro_build_display_id is missing; the daemon refuses the package on every build");
-    return;
+    Warn("ro_build_display_id is missing; the daemon refuses the package on every build");
   }
   for (const auto& build : builds) {
     if (build.empty()) Warn("ro_build_display_id has an empty entry, which matches no build");
@@ -206,27 +187,36 @@ std::string PackageConfig::Get(const std::string& key) const {
   return it == values.end() ? std::string() : it->second;
 }
 
-std::vector<std::string> SplitConfigList(const std::string& text) {
-  std::vector<std::string> fields;
-  std::istringstream stream(text);
-  std::string field;
-  while (std::getline(stream, field, ';')) fields.push_back(field);
-  return fields;
+std::vector<std::string> PackageConfig::ModulePaths() const {
+  return android::init::MendRepairUtil::split(Get("module_path"), ';');
 }
 
-PackageConfig ParsePackageConfig(const std::string& text) {
+PackageConfig CheckPackageConfig(const std::string& text, bool strict) {
   PackageConfig config;
-  Checker checker(&config);
-  if (Trimmed(text).empty()) {
-    checker.Error("config.txt is empty; the daemon ignores the package");
+  Checker checker(&config, strict);
+  checker.CheckBytes(text);
+  checker.ReadLines(text);
+  if (config.values.empty()) {
+    checker.Error("config.txt defines nothing; the daemon ignores the package");
     return config;
   }
-  checker.ReadLines(text);
   checker.CheckName();
   checker.CheckNumbers();
   checker.CheckModules();
   checker.CheckBuilds();
   return config;
+}
+
+void CheckModuleDirectories(PackageConfig* config,
+                            const std::function<bool(const std::string&)>& is_directory) {
+  for (const auto& module : config->ModulePaths()) {
+    if (!module.empty() && module[0] == '/' && !is_directory(module)) {
+      config->issues.push_back(
+          {true, "module_path entry '" + module +
+                     "' is not a directory in the image; its overlay would fail and the "
+                     "device restart"});
+    }
+  }
 }
 
 }  // namespace rpktool

@@ -4,11 +4,12 @@
 #include <ziparchive/zip_archive.h>
 
 #include "file_io.h"
+#include "mend_paths.h"
 
 namespace rpktool {
 
-using android::base::Error;
 using android::base::ErrnoError;
+using android::base::Error;
 using android::base::Result;
 
 namespace {
@@ -57,8 +58,8 @@ Result<PackageFile> OpenPackage(const std::string& path) {
     member.uncompressed_size = entry.uncompressed_length;
     member.crc32 = entry.crc32;
     package.members.push_back(member);
-    if (name == kImageEntryName) package.image = member;
-    if (name == kConfigEntryName) {
+    if (name == android::mend::kImageEntryName) package.image = member;
+    if (name == android::mend::kConfigEntryName) {
       if (entry.uncompressed_length > kMaxConfigSize) {
         EndIteration(cookie);
         return Error() << path << ": config.txt is larger than " << kMaxConfigSize << " bytes";

@@ -12,13 +12,10 @@
 
 namespace rpktool {
 
-inline constexpr char kConfigEntryName[] = "config.txt";
-inline constexpr char kImageEntryName[] = "update_payload.img";
-
 struct ZipMemberInfo {
   std::string name;
-  uint16_t method = 0;        // 0 stored, 8 deflated
-  uint64_t data_offset = 0;   // first byte of the member's data in the zip
+  uint16_t method = 0;       // 0 stored, 8 deflated
+  uint64_t data_offset = 0;  // first byte of the member's data in the zip
   uint64_t compressed_size = 0;
   uint64_t uncompressed_size = 0;
   uint32_t crc32 = 0;

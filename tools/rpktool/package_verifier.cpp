@@ -1,13 +1,10 @@
 #include "package_verifier.h"
 
+#include <openssl/evp.h>
+
+#include "ext4_inodes.h"
 #include "file_io.h"
-#include "hex.h"
-#include "image_metadata.h"
-#include "mend_mount_file.h"
-#include "package_config.h"
-#include "package_reader.h"
-#include "progress.h"
-#include "public_key_blob.h"
+#include "parse.h"
 #include "rsa_key.h"
 
 namespace rpktool {
@@ -20,123 +17,133 @@ namespace {
 // Keys are a few KiB; anything much larger is not one.
 constexpr size_t kMaxKeyFileSize = 64 * 1024;
 
-Result<VerityParams> ParamsFrom(const android::rpk::RpkVerityData& data) {
-  VerityParams params;
-  params.image_size = data.desc->image_size;
-  params.tree_offset = data.desc->tree_offset;
-  params.tree_size = data.desc->tree_size;
-  params.data_block_size = data.desc->data_block_size;
-  params.hash_block_size = data.desc->hash_block_size;
-  params.hash_algorithm = data.hash_algorithm;
-  auto salt = ParseHex(data.salt);
-  auto root = ParseHex(data.root_digest);
-  if (!salt.ok() || !root.ok()) return Error() << "salt or root digest is not hex";
-  params.salt = *salt;
-  params.root_digest = *root;
-  return params;
+// Looks up the module directories in the image's filesystem.
+void CheckModules(Inspection* inspection) {
+  const PackageFile& package = inspection->package;
+  auto inodes = Ext4Inodes::Open(package.fd.get(), package.image->data_offset,
+                                 inspection->verity->desc->image_size);
+  std::string unreadable = inodes.ok() ? "" : inodes.error().message();
+  CheckModuleDirectories(&inspection->config, [&](const std::string& path) {
+    if (!unreadable.empty()) return true;
+    auto directory = inodes->IsDirectory(path);
+    if (!directory.ok()) unreadable = directory.error().message();
+    return !directory.ok() || *directory;
+  });
+  if (!unreadable.empty()) {
+    inspection->notes.push_back("module_path directories not checked: " + unreadable);
+  }
 }
 
 }  // namespace
 
-bool VerifyOutcome::ok() const { return FailureReason().empty(); }
-
-std::string VerifyOutcome::FailureReason() const {
+std::string Inspection::FailureReason() const {
   if (!avb_error.empty()) return avb_error;
-  if (!tree_error.empty()) return tree_error;
-  if (tree && tree->bad_block) return DescribeBadBlock(*tree->bad_block);
-  if (!config_errors.empty()) return "config.txt: " + config_errors.front();
   if (!problems.empty()) return problems.front();
+  for (const ConfigIssue& issue : config.issues) {
+    if (issue.is_error) return "config.txt: " + issue.message;
+  }
   return "";
 }
 
+VerityParams Inspection::Params() const {
+  const AvbHashtreeDescriptor& desc = *verity->desc;
+  VerityParams params;
+  params.data_size = desc.image_size;
+  params.tree_offset = desc.tree_offset;
+  params.data_block_size = desc.data_block_size;
+  params.hash_block_size = desc.hash_block_size;
+  params.hash_algorithm = verity->hash_algorithm;
+  params.salt = ParseHex(verity->salt).value_or(std::vector<uint8_t>());
+  params.root_digest = ParseHex(verity->root_digest).value_or(std::vector<uint8_t>());
+  return params;
+}
+
+Json::Value U64(uint64_t value) { return Json::Value(static_cast<Json::UInt64>(value)); }
+
+std::string DigestHex(const char* name, const std::vector<uint8_t>& data) {
+  std::vector<uint8_t> digest(EVP_MAX_MD_SIZE);
+  unsigned length = 0;
+  EVP_Digest(data.data(), data.size(), digest.data(), &length, EVP_get_digestbyname(name), nullptr);
+  digest.resize(length);
+  return ToHex(digest);
+}
+
+void AddConfig(const Inspection& inspection, Report* report) {
+  if (!inspection.package.config_text) return;
+  Report& config = report->Section("config", "config.txt");
+  Report& values = config.Section("values", "values");
+  for (const auto& [key, value] : inspection.config.values) values.Add(key, key, value);
+  Json::Value errors(Json::arrayValue), warnings(Json::arrayValue);
+  for (const ConfigIssue& issue : inspection.config.issues) {
+    (issue.is_error ? errors : warnings).append(issue.message);
+  }
+  config.Add("errors", "error", errors).Add("warnings", "warning", warnings);
+}
+
+void AddProblems(const Inspection& inspection, Report* report) {
+  Json::Value problems(Json::arrayValue), notes(Json::arrayValue);
+  for (const auto& problem : inspection.problems) problems.append(problem);
+  for (const auto& note : inspection.notes) notes.append(note);
+  report->Add("problems", "problem", problems).Add("notes", "note", notes);
+}
+
 Result<std::vector<uint8_t>> LoadTrustedKey(const std::string& path) {
-  auto text = ReadSmallFile(path, kMaxKeyFileSize);
+  auto text = ReadInput(path, kMaxKeyFileSize);
   if (!text.ok()) return text.error();
   if (text->find("-----BEGIN") != std::string::npos) {
-    auto key = RsaKey::LoadPem(path);
+    auto key = RsaKey::FromPem(*text, path);
     if (!key.ok()) return key.error();
-    return EncodePublicKeyBlob(*key);
+    return key->public_key_blob();
   }
   std::vector<uint8_t> blob(text->begin(), text->end());
-  auto parsed = ParsePublicKeyBlob(blob.data(), blob.size());
-  if (!parsed.ok()) {
-    return Error() << path << " is neither a PEM key nor a public key blob (" << parsed.error()
-                   << ")";
+  if (avbformat::PublicKeyModulusLength(blob.data(), blob.size()) == 0) {
+    return Error() << path << " is neither a PEM key nor a public key blob";
   }
   return blob;
 }
 
-Result<VerifyOutcome> VerifyPackage(const VerifyRequest& request) {
-  auto package = OpenPackage(request.package_path);
+Result<Inspection> InspectPackage(const std::string& path,
+                                  const std::optional<std::vector<uint8_t>>& trusted_key,
+                                  bool strict) {
+  auto package = OpenPackage(path);
   if (!package.ok()) return package.error();
-  VerifyOutcome outcome;
-
-  if (!package->config_text) {
-    outcome.problems.push_back("the package has no config.txt, so the daemon ignores it");
+  Inspection inspection;
+  inspection.package = std::move(*package);
+  const PackageFile& zip = inspection.package;
+  if (!zip.config_text) {
+    inspection.problems.push_back("the package has no config.txt, so the daemon ignores it");
   } else {
-    const PackageConfig config = ParsePackageConfig(*package->config_text);
-    for (const auto& issue : config.issues) {
-      (issue.is_error ? outcome.config_errors : outcome.config_warnings).push_back(issue.message);
+    inspection.config = CheckPackageConfig(*zip.config_text, strict);
+  }
+  if (zip.image) {
+    if (zip.image->method != 0) {
+      inspection.problems.push_back(
+          "update_payload.img is compressed; the daemon reads it as stored bytes");
     }
-  }
-  if (package->image && package->image->method != 0) {
-    outcome.problems.push_back("update_payload.img is compressed; the daemon reads it as stored bytes");
-  }
-
-  std::optional<ImageMetadata> metadata;
-  if (package->image) {
-    metadata = ReadImageMetadata(package->fd.get(), package->image->data_offset,
-                            package->image->uncompressed_size);
-    if (metadata->header) {
-      const AvbAlgorithm* algorithm = FindAlgorithmByType(metadata->header->algorithm_type);
-      outcome.algorithm = algorithm ? algorithm->name : "unknown";
+    if (zip.image->data_offset > INT32_MAX) {
+      inspection.problems.push_back(
+          "the image data starts beyond 2 GiB, which the daemon cannot address");
     }
+    inspection.metadata =
+        ReadImageMetadata(zip.fd.get(), zip.image->data_offset, zip.image->uncompressed_size);
   }
-  if (request.trusted_key) {
-    outcome.key = *request.trusted_key;
-  } else if (metadata) {
-    outcome.key = metadata->public_key;
-  }
+  inspection.key = trusted_key.value_or(inspection.metadata.public_key);
 
   // The daemon's own code decides about footer, signature, key and descriptor.
-  const std::string key_hex = ToHex(outcome.key);
-  auto file = android::rpk::RpkFile::OpenWithPublicKey(request.package_path, key_hex);
+  const std::string key_hex = ToHex(inspection.key);
+  auto file = android::rpk::RpkFile::OpenWithPublicKey(path, key_hex);
   if (!file.ok()) {
-    outcome.avb_error = file.error().message();
-    return outcome;
+    inspection.avb_error = file.error().message();
+    return inspection;
   }
   auto verity = file->VerifyRpkVerity(key_hex);
   if (!verity.ok()) {
-    outcome.avb_error = verity.error().message();
-    return outcome;
+    inspection.avb_error = verity.error().message();
+    return inspection;
   }
-  outcome.dm_verity_version = verity->desc->dm_verity_version;
-  auto params = ParamsFrom(*verity);
-  if (!params.ok()) {
-    outcome.tree_error = params.error().message();
-    return outcome;
-  }
-  outcome.verity = *params;
-  if (outcome.dm_verity_version != 1) {
-    outcome.tree_error = "dm-verity version " + std::to_string(outcome.dm_verity_version) +
-                         " is not the format this tool checks (1)";
-    return outcome;
-  }
-
-  if (!file->GetImageOffset() || *file->GetImageOffset() < 0 || !file->GetImageSize()) {
-    outcome.tree_error = "the image's place in the zip is out of the daemon's range";
-    return outcome;
-  }
-  Progress progress("verifying", params->image_size, request.show_progress);
-  auto tree = CheckHashTree(package->fd.get(), static_cast<uint64_t>(*file->GetImageOffset()),
-                            *file->GetImageSize(), *params, request.threads, &progress);
-  progress.Finish();
-  if (!tree.ok()) {
-    outcome.tree_error = "hash tree: " + tree.error().message();
-  } else {
-    outcome.tree = *tree;
-  }
-  return outcome;
+  inspection.verity = std::move(*verity);
+  CheckModules(&inspection);
+  return inspection;
 }
 
 }  // namespace rpktool

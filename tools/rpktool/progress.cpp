@@ -15,7 +15,8 @@ constexpr uint64_t kMinimumBytes = 64ull << 20;
 Progress::Progress(std::string label, uint64_t total_bytes, bool enabled)
     : label_(std::move(label)),
       total_(total_bytes),
-      active_(enabled && total_bytes >= kMinimumBytes && isatty(STDERR_FILENO)) {
+      active_(enabled && (total_bytes >= kMinimumBytes || total_bytes == 0) &&
+              isatty(STDERR_FILENO)) {
   if (!active_) return;
   drawer_ = std::thread([this] {
     std::unique_lock<std::mutex> lock(mutex_);
@@ -28,10 +29,14 @@ Progress::Progress(std::string label, uint64_t total_bytes, bool enabled)
 Progress::~Progress() { Finish(); }
 
 void Progress::Draw() {
+  if (total_ == 0) {
+    fprintf(stderr, "\r%s...", label_.c_str());
+    fflush(stderr);
+    return;
+  }
   const uint64_t done = std::min(done_.load(std::memory_order_relaxed), total_);
   fprintf(stderr, "\r%s: %3u%% (%llu of %llu MiB)", label_.c_str(),
-          static_cast<unsigned>(total_ ? done * 100 / total_ : 100),
-          static_cast<unsigned long long>(done >> 20),
+          static_cast<unsigned>(done * 100 / total_), static_cast<unsigned long long>(done >> 20),
           static_cast<unsigned long long>(total_ >> 20));
   fflush(stderr);
 }
@@ -47,19 +52,6 @@ void Progress::Finish() {
   fprintf(stderr, "\r\033[K");
   fflush(stderr);
   active_ = false;
-}
-
-StatusLine::StatusLine(const std::string& text, bool enabled)
-    : shown_(enabled && isatty(STDERR_FILENO)) {
-  if (!shown_) return;
-  fprintf(stderr, "\r%s...", text.c_str());
-  fflush(stderr);
-}
-
-StatusLine::~StatusLine() {
-  if (!shown_) return;
-  fprintf(stderr, "\r\033[K");
-  fflush(stderr);
 }
 
 }  // namespace rpktool

@@ -2,7 +2,8 @@
 
 // A progress line on stderr for long work, drawn only when stderr is a
 // terminal. Workers add bytes from any thread; a background thread redraws
-// a few times per second.
+// a few times per second. Work whose progress cannot be measured (total 0)
+// shows its label until it ends.
 
 #include <atomic>
 #include <condition_variable>
@@ -36,19 +37,6 @@ class Progress {
   std::condition_variable wake_;
   bool stop_ = false;
   std::thread drawer_;
-};
-
-// A one-line note on stderr for a step without measurable progress, shown
-// only on a terminal and cleared when dropped.
-class StatusLine {
- public:
-  StatusLine(const std::string& text, bool enabled);
-  ~StatusLine();
-  StatusLine(const StatusLine&) = delete;
-  StatusLine& operator=(const StatusLine&) = delete;
-
- private:
-  bool shown_;
 };
 
 }  // namespace rpktool

@@ -1,6 +1,6 @@
 #pragma once
 
-// An RSA key read from a PEM file: what signing and the public key blob need.
+// An RSA key read from PEM: what signing and the public key blob need.
 
 #include <android-base/result.h>
 
@@ -8,34 +8,40 @@
 #include <string>
 #include <vector>
 
-#include "openssl_util.h"
+#include "avb_format.h"
+#include "crypto_holders.h"
 
 namespace rpktool {
 
 class RsaKey {
  public:
-  // Reads a private key (PKCS#8 or traditional) or, failing that, a public
-  // key from `path`. The exponent must be 65537, as the verifier assumes it.
-  static android::base::Result<RsaKey> LoadPem(const std::string& path);
+  // A private key (PKCS#8 or traditional) or, failing that, a public key,
+  // from PEM text. The exponent must be 65537, as verifiers assume it, and
+  // the size one vbmeta can hold.
+  static android::base::Result<RsaKey> FromPem(const std::string& pem, const std::string& name);
+  // The same from a file; "-" reads standard input.
+  static android::base::Result<RsaKey> Load(const std::string& path);
 
   uint32_t bits() const { return bits_; }
   bool has_private_key() const { return has_private_; }
-  // The modulus, big-endian, exactly bits()/8 bytes.
-  const std::vector<uint8_t>& modulus() const { return modulus_; }
+  // The blob a vbmeta block embeds and a device trusts.
+  std::vector<uint8_t> public_key_blob() const { return avbformat::WritePublicKey(public_key_); }
 
-  // PKCS#1 v1.5 signature of `data` hashed with `digest_name` ("SHA256" or
-  // "SHA512"); bits()/8 bytes.
-  android::base::Result<std::vector<uint8_t>> Sign(const std::string& digest_name,
-                                                   const std::vector<uint8_t>& data) const;
+  // The algorithm's hash of `data` and its PKCS#1 v1.5 signature.
+  android::base::Result<avbformat::HashAndSignature> Sign(const avbformat::Algorithm& algorithm,
+                                                          const std::vector<uint8_t>& data) const;
 
  private:
-  RsaKey(UniqueEvpPkey key, uint32_t bits, bool has_private, std::vector<uint8_t> modulus)
-      : key_(std::move(key)), bits_(bits), has_private_(has_private), modulus_(std::move(modulus)) {}
+  RsaKey(avbformat::PkeyPtr key, bool has_private, avbformat::PublicKey public_key)
+      : key_(std::move(key)),
+        bits_(public_key.key_bits),
+        has_private_(has_private),
+        public_key_(std::move(public_key)) {}
 
-  UniqueEvpPkey key_;
+  avbformat::PkeyPtr key_;
   uint32_t bits_;
   bool has_private_;
-  std::vector<uint8_t> modulus_;
+  avbformat::PublicKey public_key_;
 };
 
 }  // namespace rpktool

@@ -2,23 +2,46 @@
 
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
-#include <spawn.h>
+#include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <sstream>
+
+#include "cleanup.h"
 
 extern char** environ;
 
 namespace rpktool {
 
-using android::base::Error;
 using android::base::ErrnoError;
+using android::base::Error;
 using android::base::Result;
 using android::base::unique_fd;
+
+namespace {
+
+std::vector<char*> Pointers(std::vector<std::string>& words) {
+  std::vector<char*> pointers;
+  for (auto& word : words) pointers.push_back(word.data());
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+// In the child between fork and exec: only async-signal-safe calls.
+[[noreturn]] void BecomeChild(pid_t parent, int output_fd, char* const* argv, char* const* envp) {
+  // Dies with the tool, even by SIGKILL; the parent may be gone already.
+  if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent) _exit(127);
+  setpgid(0, 0);
+  if (dup2(output_fd, STDOUT_FILENO) < 0 || dup2(output_fd, STDERR_FILENO) < 0) _exit(127);
+  execve(argv[0], argv, envp);
+  _exit(127);
+}
+
+}  // namespace
 
 Result<ProcessResult> RunProcess(const std::vector<std::string>& argv,
                                  const std::vector<std::string>& env) {
@@ -31,40 +54,33 @@ Result<ProcessResult> RunProcess(const std::vector<std::string>& argv,
   std::vector<std::string> environment;
   for (char** entry = environ; *entry; ++entry) environment.emplace_back(*entry);
   environment.insert(environment.end(), env.begin(), env.end());
-  std::vector<char*> env_pointers;
-  for (auto& entry : environment) env_pointers.push_back(entry.data());
-  env_pointers.push_back(nullptr);
   std::vector<std::string> args = argv;
-  std::vector<char*> arg_pointers;
-  for (auto& arg : args) arg_pointers.push_back(arg.data());
-  arg_pointers.push_back(nullptr);
+  const std::vector<char*> env_pointers = Pointers(environment);
+  const std::vector<char*> arg_pointers = Pointers(args);
 
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, write_end.get(), STDOUT_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, write_end.get(), STDERR_FILENO);
-  pid_t pid = 0;
-  int rc = posix_spawn(&pid, args[0].c_str(), &actions, nullptr, arg_pointers.data(),
-                       env_pointers.data());
-  posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0) {
-    errno = rc;
-    return ErrnoError() << "cannot run " << args[0];
-  }
+  const pid_t parent = getpid();
+  const pid_t pid = fork();
+  if (pid < 0) return ErrnoError() << "cannot run " << args[0];
+  if (pid == 0) BecomeChild(parent, write_end.get(), arg_pointers.data(), env_pointers.data());
+  // Set on both sides, so that the group exists before either goes on.
+  setpgid(pid, pid);
+  SetRunningChild(pid);
   write_end.reset();
 
   ProcessResult result{-1, ""};
   char buffer[4096];
-  for (;;) {
-    ssize_t n = TEMP_FAILURE_RETRY(read(read_end.get(), buffer, sizeof(buffer)));
-    if (n <= 0) break;
+  ssize_t n;
+  while ((n = TEMP_FAILURE_RETRY(read(read_end.get(), buffer, sizeof(buffer)))) > 0) {
     result.output.append(buffer, static_cast<size_t>(n));
   }
   int status = 0;
-  if (TEMP_FAILURE_RETRY(waitpid(pid, &status, 0)) != pid) {
-    return ErrnoError() << "waiting for " << args[0] << " failed";
-  }
+  const pid_t waited = TEMP_FAILURE_RETRY(waitpid(pid, &status, 0));
+  ClearRunningChild();
+  if (waited != pid) return ErrnoError() << "waiting for " << args[0] << " failed";
   if (WIFEXITED(status)) result.exit_code = WEXITSTATUS(status);
+  if (result.exit_code == 127 && result.output.empty()) {
+    return Error() << "cannot run " << args[0];
+  }
   return result;
 }
 
@@ -79,6 +95,10 @@ Result<std::string> FindProgram(const std::string& name) {
     if (access(candidate.c_str(), X_OK) == 0) return candidate;
   }
   return Error() << name << " not found in $PATH, /usr/sbin or /sbin";
+}
+
+std::string PathArgument(const std::string& path) {
+  return path.empty() || path[0] == '/' ? path : "./" + path;
 }
 
 }  // namespace rpktool

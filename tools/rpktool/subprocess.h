@@ -1,6 +1,7 @@
 #pragma once
 
-// Runs a helper program and collects what it prints.
+// Runs a helper program and collects what it prints. The child runs in its
+// own process group and is killed when the tool ends, however it ends.
 
 #include <android-base/result.h>
 
@@ -21,5 +22,9 @@ android::base::Result<ProcessResult> RunProcess(const std::vector<std::string>& 
 // Finds `name` in $PATH, then in /usr/sbin and /sbin (where mke2fs lives,
 // often outside an ordinary user's $PATH).
 android::base::Result<std::string> FindProgram(const std::string& name);
+
+// `path` as an argument that no program parses as an option: relative
+// paths get a leading "./".
+std::string PathArgument(const std::string& path);
 
 }  // namespace rpktool

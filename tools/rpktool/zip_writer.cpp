@@ -12,6 +12,8 @@ namespace rpktool {
 
 using android::base::Error;
 using android::base::Result;
+using avbformat::PutLe;
+using avbformat::RoundUp;
 
 namespace {
 
@@ -38,16 +40,6 @@ uint32_t Crc32(uint32_t crc, const uint8_t* data, size_t size) {
   return crc;
 }
 
-uint32_t Crc32Zeros(uint32_t crc, uint64_t count) {
-  static const std::vector<uint8_t> kZeros(64 * 1024, 0);
-  while (count > 0) {
-    const size_t piece = static_cast<size_t>(std::min<uint64_t>(count, kZeros.size()));
-    crc = Crc32(crc, kZeros.data(), piece);
-    count -= piece;
-  }
-  return crc;
-}
-
 uint32_t Crc32Combine(uint32_t crc_a, uint32_t crc_b, uint64_t length_b) {
   return static_cast<uint32_t>(crc32_combine64(crc_a, crc_b, static_cast<z_off64_t>(length_b)));
 }
@@ -55,9 +47,11 @@ uint32_t Crc32Combine(uint32_t crc_a, uint32_t crc_b, uint64_t length_b) {
 StoredZipWriter::StoredZipWriter(int fd, time_t modified) : fd_(fd) {
   struct tm utc;
   gmtime_r(&modified, &utc);
-  if (utc.tm_year < 80) {  // DOS dates start in 1980
+  // DOS dates run from 1980 to 2107.
+  if (utc.tm_year < 80 || utc.tm_year > 207) {
+    const int year = utc.tm_year < 80 ? 80 : 207;
     utc = {};
-    utc.tm_year = 80;
+    utc.tm_year = year;
     utc.tm_mday = 1;
   }
   dos_time_ = static_cast<uint16_t>(utc.tm_hour << 11 | utc.tm_min << 5 | utc.tm_sec / 2);
@@ -98,27 +92,31 @@ void StoredZipWriter::SetCrc(const std::string& name, uint32_t crc) {
   }
 }
 
+// The fields local and central headers share, from "version needed" to the
+// name's length (flags and method stay 0: stored).
+void StoredZipWriter::PutCommonFields(uint8_t* p, const Member& m) const {
+  PutLe(p, 2, kVersionNeededStored);
+  PutLe(p + 6, 2, dos_time_);
+  PutLe(p + 8, 2, dos_date_);
+  PutLe(p + 10, 4, m.crc);
+  PutLe(p + 14, 4, m.size);
+  PutLe(p + 18, 4, m.size);
+  PutLe(p + 22, 2, m.name.size());
+}
+
 std::vector<uint8_t> StoredZipWriter::LocalHeader(const Member& m) const {
   const size_t extra = m.data_offset - m.header_offset - kLocalHeaderSize - m.name.size();
   std::vector<uint8_t> out(kLocalHeaderSize + m.name.size() + extra, 0);
   uint8_t* p = out.data();
-  PutLe32(p, kLocalHeaderSignature);
-  PutLe16(p + 4, kVersionNeededStored);
-  PutLe16(p + 6, 0);  // flags
-  PutLe16(p + 8, 0);  // method: stored
-  PutLe16(p + 10, dos_time_);
-  PutLe16(p + 12, dos_date_);
-  PutLe32(p + 14, m.crc);
-  PutLe32(p + 18, static_cast<uint32_t>(m.size));
-  PutLe32(p + 22, static_cast<uint32_t>(m.size));
-  PutLe16(p + 26, static_cast<uint16_t>(m.name.size()));
-  PutLe16(p + 28, static_cast<uint16_t>(extra));
+  PutLe(p, 4, kLocalHeaderSignature);
+  PutCommonFields(p + 4, m);
+  PutLe(p + 28, 2, extra);
   std::copy(m.name.begin(), m.name.end(), p + kLocalHeaderSize);
   if (extra >= kAlignmentExtraMinSize) {
     uint8_t* field = p + kLocalHeaderSize + m.name.size();
-    PutLe16(field, kAlignmentExtraId);
-    PutLe16(field + 2, static_cast<uint16_t>(extra - 4));
-    PutLe16(field + 4, static_cast<uint16_t>(std::min<uint32_t>(m.alignment, 0xffff)));
+    PutLe(field, 2, kAlignmentExtraId);
+    PutLe(field + 2, 2, extra - 4);
+    PutLe(field + 4, 2, std::min<uint32_t>(m.alignment, 0xffff));
   }
   return out;
 }
@@ -132,28 +130,21 @@ Result<void> StoredZipWriter::Finish() {
 
     std::vector<uint8_t> entry(kCentralHeaderSize + m.name.size(), 0);
     uint8_t* p = entry.data();
-    PutLe32(p, kCentralHeaderSignature);
-    PutLe16(p + 4, kVersionMadeByUnix);
-    PutLe16(p + 6, kVersionNeededStored);
-    PutLe16(p + 10, 0);  // method: stored
-    PutLe16(p + 12, dos_time_);
-    PutLe16(p + 14, dos_date_);
-    PutLe32(p + 16, m.crc);
-    PutLe32(p + 20, static_cast<uint32_t>(m.size));
-    PutLe32(p + 24, static_cast<uint32_t>(m.size));
-    PutLe16(p + 28, static_cast<uint16_t>(m.name.size()));
-    PutLe32(p + 38, kRegularFileMode << 16);
-    PutLe32(p + 42, static_cast<uint32_t>(m.header_offset));
+    PutLe(p, 4, kCentralHeaderSignature);
+    PutLe(p + 4, 2, kVersionMadeByUnix);
+    PutCommonFields(p + 6, m);
+    PutLe(p + 38, 4, kRegularFileMode << 16);
+    PutLe(p + 42, 4, m.header_offset);
     std::copy(m.name.begin(), m.name.end(), p + kCentralHeaderSize);
     directory.insert(directory.end(), entry.begin(), entry.end());
   }
   const uint64_t directory_offset = end_;
   std::vector<uint8_t> tail(kEndOfCentralDirectorySize, 0);
-  PutLe32(tail.data(), kEndOfCentralDirectorySignature);
-  PutLe16(tail.data() + 8, static_cast<uint16_t>(members_.size()));
-  PutLe16(tail.data() + 10, static_cast<uint16_t>(members_.size()));
-  PutLe32(tail.data() + 12, static_cast<uint32_t>(directory.size()));
-  PutLe32(tail.data() + 16, static_cast<uint32_t>(directory_offset));
+  PutLe(tail.data(), 4, kEndOfCentralDirectorySignature);
+  PutLe(tail.data() + 8, 2, members_.size());
+  PutLe(tail.data() + 10, 2, members_.size());
+  PutLe(tail.data() + 12, 4, directory.size());
+  PutLe(tail.data() + 16, 4, directory_offset);
   directory.insert(directory.end(), tail.begin(), tail.end());
   if (directory_offset + directory.size() > kMaxZipSize) {
     return Error() << "the archive would exceed 4 GiB, which plain zip cannot hold";

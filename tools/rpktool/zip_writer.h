@@ -34,9 +34,6 @@ class StoredZipWriter {
   void SetCrc(const std::string& name, uint32_t crc);
   // The data offset that ReserveMember would give the next member now.
   uint64_t PlannedDataOffset(const std::string& name, uint32_t alignment) const;
-  // Where the next member's local header would go; also the end of the
-  // last member's data.
-  uint64_t end() const { return end_; }
   // Writes the local headers and the central directory.
   android::base::Result<void> Finish();
 
@@ -50,6 +47,7 @@ class StoredZipWriter {
     uint32_t alignment;
   };
 
+  void PutCommonFields(uint8_t* at, const Member& member) const;
   std::vector<uint8_t> LocalHeader(const Member& member) const;
 
   int fd_;
@@ -59,9 +57,8 @@ class StoredZipWriter {
   std::vector<Member> members_;
 };
 
-// CRC-32 of a file range, or of `count` zero bytes.
+// CRC-32 of `size` bytes, continuing `crc`.
 uint32_t Crc32(uint32_t crc, const uint8_t* data, size_t size);
-uint32_t Crc32Zeros(uint32_t crc, uint64_t count);
 // CRC of A||B from the CRCs of A and B and the length of B.
 uint32_t Crc32Combine(uint32_t crc_a, uint32_t crc_b, uint64_t length_b);
 

@@ -4,18 +4,15 @@
 #include <cstring>
 
 #include "avb_bytes.h"
+#include "avb_format.h"
 
 extern "C" bool avb_footer_validate_and_byteswap(const AvbFooter* src, AvbFooter* dest) {
+  const bool valid = avbformat::ReadFooter(reinterpret_cast<const uint8_t*>(src)).has_value();
   memmove(dest, src, sizeof(AvbFooter));
-  if (memcmp(dest->magic, AVB_FOOTER_MAGIC, AVB_FOOTER_MAGIC_LEN) != 0) return false;
-
   AVB_FIELD_TO_HOST(dest, AvbFooter, version_major);
   AVB_FIELD_TO_HOST(dest, AvbFooter, version_minor);
   AVB_FIELD_TO_HOST(dest, AvbFooter, original_image_size);
   AVB_FIELD_TO_HOST(dest, AvbFooter, vbmeta_offset);
   AVB_FIELD_TO_HOST(dest, AvbFooter, vbmeta_size);
-
-  // A newer minor version only adds meaning to reserved bytes; a newer
-  // major version may move fields, so it is refused.
-  return AVB_FIELD(dest, AvbFooter, version_major) <= AVB_FOOTER_VERSION_MAJOR;
+  return valid;
 }

@@ -4,7 +4,6 @@
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-
 #include <unistd.h>
 
 #include <random>
@@ -12,13 +11,16 @@
 #include "block_hasher.h"
 #include "hash_tree_builder.h"
 #include "hash_tree_checker.h"
-#include "hex.h"
+#include "hash_tree_geometry.h"
+#include "parse.h"
 #include "tool_test_util.h"
-#include "tree_layout.h"
 
 namespace rpktool {
 namespace {
 
+using avbformat::ComputeTreeLayout;
+using avbformat::TreeLayout;
+using avbformat::TreeLevel;
 using mend_test::FlipByte;
 using mend_test::ReadWholeFile;
 using mend_test::RunProgram;
@@ -30,14 +32,9 @@ android::base::unique_fd OpenRead(const std::string& path) {
 }
 
 // Tree sizes and level order are checked byte for byte against veritysetup
-// below; what it cannot show is a short last block.
-TEST(TreeLayout, AShortLastBlockStillCounts) {
-  auto layout = ComputeTreeLayout(4096 * 3 + 1, 4096, 4096, 32);
-  ASSERT_TRUE(layout.ok()) << layout.error();
-  EXPECT_EQ(layout->data_blocks, 4u);
-}
-
-TEST(TreeLayout, RejectsImpossibleGeometry) {
+// below; what it cannot show is a short last block and impossible geometry.
+TEST(TreeLayout, CountsAShortLastBlockAndRejectsImpossibleGeometry) {
+  EXPECT_EQ(ComputeTreeLayout(4096 * 3 + 1, 4096, 4096, 32)->data_blocks, 4u);
   EXPECT_FALSE(ComputeTreeLayout(0, 4096, 4096, 32).ok());
   EXPECT_FALSE(ComputeTreeLayout(4096, 3000, 4096, 32).ok());
   EXPECT_FALSE(ComputeTreeLayout(4096, 4096, 256, 32).ok());
@@ -51,7 +48,9 @@ std::string PatternedData(uint64_t blocks, uint32_t block_size, unsigned seed) {
   std::string data(blocks * block_size, '\0');
   for (uint64_t b = 0; b < blocks; ++b) {
     if (b % 5 == 3) continue;
-    for (uint32_t i = 0; i < block_size; ++i) data[b * block_size + i] = static_cast<char>(random());
+    for (uint32_t i = 0; i < block_size; ++i) {
+      data[b * block_size + i] = static_cast<char>(random());
+    }
   }
   return data;
 }
@@ -66,10 +65,10 @@ TEST(HashTreeBuilder, MatchesVeritysetupByteForByte) {
   unsigned seed = 1;
   // One block (no tree), one hash block exactly full and one more, two and
   // three levels, and other digest and block sizes.
-  for (const Case& c : {Case{1, 4096, "sha256"}, Case{2, 4096, "sha256"},
-                        Case{128, 4096, "sha256"}, Case{129, 4096, "sha256"},
-                        Case{4097, 4096, "sha256"}, Case{4097, 4096, "sha512"},
-                        Case{70, 4096, "sha1"}, Case{1000, 1024, "sha256"}}) {
+  for (const Case& c :
+       {Case{1, 4096, "sha256"}, Case{2, 4096, "sha256"}, Case{128, 4096, "sha256"},
+        Case{129, 4096, "sha256"}, Case{4097, 4096, "sha256"}, Case{4097, 4096, "sha512"},
+        Case{70, 4096, "sha1"}, Case{1000, 1024, "sha256"}}) {
     SCOPED_TRACE(std::to_string(c.blocks) + " x " + std::to_string(c.block_size) + " " + c.hash);
     const std::string data_path = dir / "data";
     const std::string tree_path = dir / "tree";
@@ -93,7 +92,8 @@ TEST(HashTreeBuilder, MatchesVeritysetupByteForByte) {
       auto tree = BuildHashTree(fd.get(), 0, *layout, *hasher, threads);
       ASSERT_TRUE(tree.ok()) << tree.error();
       EXPECT_NE(reference.out.find(ToHex(tree->root_digest)), std::string::npos)
-          << "root digest " << ToHex(tree->root_digest) << " not in:\n" << reference.out;
+          << "root digest " << ToHex(tree->root_digest) << " not in:\n"
+          << reference.out;
       if (c.blocks > 1) {
         const std::string expected = ReadWholeFile(tree_path);
         EXPECT_TRUE(std::string(tree->tree.begin(), tree->tree.end()) == expected)
@@ -131,14 +131,13 @@ TestImage MakeImage(const TempDir& dir, uint64_t blocks, const std::string& hash
   image.params.hash_algorithm = hash;
   image.params.salt = {9, 8, 7, 6};
   image.params.data_block_size = image.params.hash_block_size = 4096;
-  image.params.image_size = data.size();
+  image.params.data_size = data.size();
   auto hasher = BlockHasher::Create(hash, image.params.salt);
-  image.layout = *ComputeTreeLayout(data.size(), 4096, 4096,
-                                    static_cast<uint32_t>(hasher->digest_size()));
+  image.layout =
+      *ComputeTreeLayout(data.size(), 4096, 4096, static_cast<uint32_t>(hasher->digest_size()));
   auto fd = OpenRead(dir / "data");
   auto tree = BuildHashTree(fd.get(), 0, image.layout, *hasher, 2);
   image.params.tree_offset = data.size();
-  image.params.tree_size = tree->tree.size();
   image.params.root_digest = tree->root_digest;
   std::string file(image.offset, 'P');
   file += data;
@@ -156,70 +155,58 @@ TreeCheckResult Check(const TestImage& image, unsigned threads = 2) {
   return result.ok() ? *result : TreeCheckResult{};
 }
 
-TEST(HashTreeChecker, AcceptsAnIntactImageAndCountsZeroBlocks) {
-  TempDir dir;
-  TestImage image = MakeImage(dir, 1500, "sha256");
-  TreeCheckResult result = Check(image);
-  EXPECT_FALSE(result.bad_block.has_value()) << DescribeBadBlock(*result.bad_block);
-  EXPECT_EQ(result.data_blocks, 1500u);
-  EXPECT_EQ(result.zero_blocks, 300u);  // every fifth block
-}
-
-TEST(HashTreeChecker, NamesTheFirstBadDataBlockAndItsKind) {
-  TempDir dir;
-  TestImage image = MakeImage(dir, 1500, "sha512");
-  FlipByte(image.path, image.offset + 1400 * 4096 + 7);  // data
-  FlipByte(image.path, image.offset + 1234 * 4096 + 4095);  // data, found first
-  for (unsigned threads : {1u, 2u, 5u}) {
-    TreeCheckResult result = Check(image, threads);
-    ASSERT_TRUE(result.bad_block.has_value());
-    EXPECT_TRUE(result.bad_block->is_data);
-    EXPECT_EQ(result.bad_block->index, 1234u) << threads << " threads";
-    EXPECT_EQ(result.bad_block->image_offset, 1234u * 4096);
-    EXPECT_FALSE(result.bad_block->zero_at_signing);
+// Images with bytes flipped in data or tree blocks: the first bad block in
+// tree order (top level first, then data), whatever the thread count.
+TEST(HashTreeChecker, NamesTheFirstBadBlockAndItsKind) {
+  struct Flip {
+    int level;  // -1: a data block
+    uint64_t block;
+    uint32_t byte;
+  };
+  struct Case {
+    const char* what;
+    uint64_t blocks;
+    const char* hash;
+    std::vector<Flip> flips;
+    bool is_data;
+    uint64_t index;
+    uint32_t level;
+    bool zero_at_signing;
+  } cases[] = {
+      {"two data blocks", 1500, "sha512", {{-1, 1400, 7}, {-1, 1234, 4095}}, true, 1234, 0, false},
+      {"a block of zeros", 1500, "sha256", {{-1, 8, 100}}, true, 8, 0, true},
+      // Three levels: 0 (79 blocks), 1 and 2 (the top).
+      {"level 0 before data", 5000, "sha512", {{-1, 0, 10}, {0, 3, 9}}, false, 3, 0, false},
+      {"the top level", 5000, "sha512", {{2, 0, 5}}, false, 0, 2, false},
+      {"a single block", 1, "sha256", {{-1, 0, 4000}}, true, 0, 0, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    TempDir dir;
+    TestImage image = MakeImage(dir, c.blocks, c.hash);
+    TreeCheckResult intact = Check(image);
+    EXPECT_FALSE(intact.bad_block.has_value());
+    EXPECT_EQ(intact.zero_blocks, c.blocks > 3 ? c.blocks / 5 : 0);  // every fifth block
+    auto block_offset = [&](int level, uint64_t block) {
+      return level < 0
+                 ? block * 4096
+                 : image.params.tree_offset + image.layout.levels[level].offset + block * 4096;
+    };
+    for (const Flip& flip : c.flips) {
+      FlipByte(image.path, image.offset + block_offset(flip.level, flip.block) + flip.byte);
+    }
+    for (unsigned threads : {1u, 3u}) {
+      const TreeCheckResult result = Check(image, threads);
+      ASSERT_TRUE(result.bad_block.has_value());
+      const BadBlock& bad = *result.bad_block;
+      EXPECT_EQ(bad.is_data, c.is_data);
+      EXPECT_EQ(bad.index, c.index);
+      EXPECT_EQ(bad.zero_at_signing, c.zero_at_signing);
+      EXPECT_EQ(bad.image_offset,
+                block_offset(c.is_data ? -1 : static_cast<int>(c.level), c.index));
+      EXPECT_EQ(bad.level, c.is_data ? 0 : c.level);
+    }
   }
-
-  TempDir zero_dir;
-  TestImage zero = MakeImage(zero_dir, 1500, "sha256");
-  FlipByte(zero.path, zero.offset + 8 * 4096 + 100);  // block 8 was all zeros
-  TreeCheckResult result = Check(zero);
-  ASSERT_TRUE(result.bad_block.has_value());
-  EXPECT_EQ(result.bad_block->index, 8u);
-  EXPECT_TRUE(result.bad_block->zero_at_signing);
-  EXPECT_NE(DescribeBadBlock(*result.bad_block).find("all zeros at signing"), std::string::npos);
-}
-
-TEST(HashTreeChecker, NamesBadTreeBlocksByLevelBeforeLookingAtData) {
-  TempDir dir;
-  TestImage image = MakeImage(dir, 5000, "sha512");  // levels: 0 (79 blocks), 1, 2 (top)
-  ASSERT_EQ(image.layout.levels.size(), 3u);
-  const uint64_t tree_start = image.offset + image.params.tree_offset;
-  const TreeLevel& level0 = image.layout.levels[0];
-  FlipByte(image.path, tree_start + level0.offset + 3 * 4096 + 9);
-  FlipByte(image.path, image.offset + 10);  // data block 0 too
-  TreeCheckResult result = Check(image);
-  ASSERT_TRUE(result.bad_block.has_value());
-  EXPECT_FALSE(result.bad_block->is_data);
-  EXPECT_EQ(result.bad_block->level, 0u);
-  EXPECT_EQ(result.bad_block->index, 3u);
-  EXPECT_EQ(result.bad_block->image_offset, image.params.tree_offset + level0.offset + 3 * 4096);
-
-  FlipByte(image.path, tree_start + 5);  // the top level's only block
-  result = Check(image);
-  ASSERT_TRUE(result.bad_block.has_value());
-  EXPECT_EQ(result.bad_block->level, 2u);
-  EXPECT_NE(DescribeBadBlock(*result.bad_block).find("root digest"), std::string::npos);
-}
-
-TEST(HashTreeChecker, SingleBlockImagesCompareWithTheRootDigest) {
-  TempDir dir;
-  TestImage image = MakeImage(dir, 1, "sha256");
-  EXPECT_FALSE(Check(image).bad_block.has_value());
-  FlipByte(image.path, image.offset + 4000);
-  auto result = Check(image);
-  ASSERT_TRUE(result.bad_block.has_value());
-  EXPECT_TRUE(result.bad_block->is_data);
-  EXPECT_EQ(result.bad_block->index, 0u);
 }
 
 TEST(HashTreeChecker, RefusesParametersThatDoNotDescribeTheImage) {
@@ -232,14 +219,11 @@ TEST(HashTreeChecker, RefusesParametersThatDoNotDescribeTheImage) {
     EXPECT_NE(result.error().message().find(words), std::string::npos) << result.error();
   };
   VerityParams params = image.params;
-  params.tree_size += 4096;
-  expect_error(params, "tree size");
-  params = image.params;
   params.tree_offset = image.length - 4096;
   expect_error(params, "outside");
   params = image.params;
-  params.image_size = image.length + 4096;
-  expect_error(params, "outside");
+  params.data_size = image.length + 4096;
+  expect_error(params, "exceeds");
   params = image.params;
   params.root_digest.pop_back();
   expect_error(params, "root digest has");

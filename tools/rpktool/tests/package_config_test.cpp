@@ -1,15 +1,16 @@
 // config.txt checks: what the daemon would make of a config, and which
-// mistakes stop a build.
+// mistakes stop a build or only warn (errors too when strict).
+
+#include "package_config.h"
 
 #include <gtest/gtest.h>
 
-#include "package_config.h"
 #include "tool_test_util.h"
 
 namespace rpktool {
 namespace {
 
-// True when some issue of the wanted kind mentions `words`.
+// The issue of the wanted kind that mentions `words`, or nothing.
 bool Mentions(const PackageConfig& config, bool error, const std::string& words) {
   for (const auto& issue : config.issues) {
     if (issue.is_error == error && issue.message.find(words) != std::string::npos) return true;
@@ -18,94 +19,75 @@ bool Mentions(const PackageConfig& config, bool error, const std::string& words)
 }
 
 std::string Replace(std::string text, const std::string& from, const std::string& to) {
-  text.replace(text.find(from), from.size(), to);
-  return text;
+  return text.replace(text.find(from), from.size(), to);
 }
 
-std::string ReplaceAll(std::string text, const std::string& from, const std::string& to) {
-  for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
-    text.replace(at, from.size(), to);
-  }
-  return text;
-}
+const std::string kGood = mend_test::PackageConfig("demo_fix1");
 
 TEST(PackageConfig, TheFixtureConfigIsClean) {
-  PackageConfig config = ParsePackageConfig(mend_test::PackageConfig("demo_fix1"));
+  const PackageConfig config = CheckPackageConfig(kGood);
   EXPECT_TRUE(config.issues.empty()) << config.issues[0].message;
-  EXPECT_EQ(config.Get("module_path"), "/system/lib64;/system/app");
-  EXPECT_EQ(config.values.size(), 11u);
+  EXPECT_EQ(config.ModulePaths(), (std::vector<std::string>{"/system/lib64", "/system/app"}));
 }
 
-TEST(PackageConfig, ReadsLinesAsTheDaemonDoes) {
-  PackageConfig config = ParsePackageConfig(
-      "update_package_name=a\nupdate_package_name=b\nfix_method=x=y\nmodule_num=\n"
-      "module_num=2\nmodule_num=\nno equals sign here\n\nmodule_path = /x\n");
-  EXPECT_EQ(config.Get("update_package_name"), "b");
-  EXPECT_EQ(config.Get("fix_method"), "x=y");
-  EXPECT_EQ(config.Get("module_num"), "2") << "an empty value does not override";
-  EXPECT_EQ(config.values.count("module_path "), 1u);
-  EXPECT_TRUE(Mentions(config, false, "given again"));
-  EXPECT_TRUE(Mentions(config, false, "has no value"));
-  EXPECT_TRUE(Mentions(config, false, "no '='"));
-  EXPECT_TRUE(Mentions(config, false, "blanks around it"));
-  EXPECT_TRUE(Mentions(config, true, "module_path is missing"));
-}
-
-TEST(PackageConfig, ErrorsForPackagesThatEndTheDaemonOrNeverApply) {
-  const std::string good = mend_test::PackageConfig("demo_fix1");
+TEST(PackageConfig, ErrorsForWhatNeverAppliesEndsTheDaemonOrBreaksTheDevice) {
   struct Case {
     std::string text;
     std::string words;
+  } cases[] = {
+      {"", "defines nothing"},
+      {"\n\nno value=\n", "defines nothing"},
+      {Replace(kGood, "update_package_name=demo_fix1\n", ""), "update_package_name is missing"},
+      {Replace(kGood, "demo_fix1", "a/b"), "mount point"},
+      {Replace(kGood, "demo_fix1", "tmp"), "trial device"},
+      {Replace(kGood, "demo_fix1", std::string(128, 'n')), "longer than 127"},
+      {Replace(kGood, "update_version_code=3", "update_version_code=abc"), "not a number"},
+      {Replace(kGood, "structure_version=1", "structure_version=99999999999"), "int range"},
+      {Replace(kGood, "/system/lib64;/system/app", "/system/lib64;;/system/app"), "empty entry"},
+      {Replace(kGood, "/system/app", "system/app"), "not an absolute path"},
+      {Replace(kGood, "/system/app", "/system/../app"), "not an absolute path"},
+      {Replace(kGood, "module_path=/system/lib64;/system/app\n", ""), "module_path is missing"},
+      {kGood + "fix_method=other\n", "given again"},
+      {Replace(kGood, "\n", "\r\n"), "control character 0x0d"},
+      {Replace(kGood, "overlay", "over\tlay"), "control character 0x09"},
+      {Replace(kGood, "overlay", "\xc3\x28"), "not UTF-8"},
   };
-  for (const Case& c : std::vector<Case>{
-           {"", "empty"},
-           {"\n\n", "empty"},
-           {Replace(good, "update_package_name=demo_fix1\n", ""), "update_package_name is missing"},
-           {Replace(good, "demo_fix1", "a/b"), "mount point"},
-           {Replace(good, "update_version_code=3", "update_version_code=abc"), "not a number"},
-           {Replace(good, "structure_version=1", "structure_version=99999999999"), "out of int"},
-           {Replace(good, "is_async_exec=0", "is_async_exec=-"), "not a number"},
-           {Replace(good, "/system/lib64;/system/app", "/system/lib64;;/system/app"), "empty entry"},
-           {Replace(good, "/system/lib64;/system/app", ";/system/app"), "empty entry"},
-           {Replace(good, "trigger_rollback_count=3", "trigger_rollback_count=-1"), "negative"},
-           // The CR stays in every value, the package name included.
-           {ReplaceAll(good, "\n", "\r\n"), "control characters"},
-           {Replace(good, "ro_build_display_id=BUILD.A.001;BUILD.A.002\n", ""),
-            "ro_build_display_id is missing"},
-       }) {
-    PackageConfig config = ParsePackageConfig(c.text);
-    EXPECT_TRUE(config.HasErrors()) << c.text;
+  for (const Case& c : cases) {
+    const PackageConfig config = CheckPackageConfig(c.text);
     EXPECT_TRUE(Mentions(config, true, c.words)) << c.words << " for:\n" << c.text;
   }
 }
 
-TEST(PackageConfig, WarningsForLikelyMistakes) {
-  const std::string good = mend_test::PackageConfig("demo_fix1");
+TEST(PackageConfig, WarningsForWhatLikelyDoesNotWorkAreErrorsWhenStrict) {
   struct Case {
     std::string text;
     std::string words;
+  } cases[] = {
+      {Replace(kGood, "update_version_code=3", "update_version_code= 7x"), "reads 7"},
+      {Replace(kGood, "update_version_code=3\n", ""), "uses 0"},
+      {Replace(kGood, "trigger_rollback_count=3", "trigger_rollback_count=-1"), "negative"},
+      {Replace(kGood, "is_async_exec=0", "is_async_exec=2"), "neither 0 nor 1"},
+      {Replace(kGood, "module_num=2", "module_num=3"), "names 2"},
+      {kGood + "colour=blue\n", "unknown"},
+      {kGood + "fix_method =x\n", "blanks around it"},
+      {kGood + "no equals sign\nmodule_num=\n", "defines nothing"},
+      {Replace(kGood, "ro_build_display_id=BUILD.A.001;BUILD.A.002\n", ""),
+       "ro_build_display_id is missing"},
+      {Replace(kGood, "BUILD.A.001;", "BUILD.A.001;;"), "matches no build"},
   };
-  for (const Case& c : std::vector<Case>{
-           {Replace(good, "update_version_code=3", "update_version_code= 7x"), "reads 7"},
-           {Replace(good, "update_version_code=3\n", ""), "uses 0"},
-           {Replace(good, "is_async_exec=0", "is_async_exec=2"), "neither 0 nor 1"},
-           {Replace(good, "module_num=2", "module_num=3"), "names 2"},
-           {Replace(good, "/system/app", "system/app"), "not an absolute path"},
-           {good + "colour=blue\n", "unknown key"},
-           {Replace(good, "BUILD.A.001;", "BUILD.A.001;;"), "matches no build"},
-       }) {
-    PackageConfig config = ParsePackageConfig(c.text);
+  for (const Case& c : cases) {
+    const PackageConfig config = CheckPackageConfig(c.text);
     EXPECT_FALSE(config.HasErrors()) << c.text;
     EXPECT_TRUE(Mentions(config, false, c.words)) << c.words << " for:\n" << c.text;
+    EXPECT_TRUE(Mentions(CheckPackageConfig(c.text, true), true, c.words)) << c.words;
   }
-  PackageConfig crlf = ParsePackageConfig(ReplaceAll(good, "\n", "\r\n"));
-  EXPECT_TRUE(Mentions(crlf, false, "CR line endings"));
-  EXPECT_FALSE(Mentions(crlf, false, "trailing text")) << "the CR warning says it once";
-  // A trailing ';' adds no empty module, as in the daemon.
-  PackageConfig trailing = ParsePackageConfig(Replace(good, "/system/app", "/system/app;"));
-  EXPECT_FALSE(trailing.HasErrors());
-  EXPECT_EQ(SplitConfigList("a;;b").size(), 3u);
-  EXPECT_EQ(SplitConfigList("a;").size(), 1u);
+}
+
+TEST(PackageConfig, ModulesMustBeDirectoriesOfTheImage) {
+  PackageConfig config = CheckPackageConfig(kGood);
+  CheckModuleDirectories(&config, [](const std::string& path) { return path == "/system/app"; });
+  EXPECT_TRUE(Mentions(config, true, "'/system/lib64' is not a directory in the image"));
+  EXPECT_FALSE(Mentions(config, true, "'/system/app'"));
 }
 
 }  // namespace

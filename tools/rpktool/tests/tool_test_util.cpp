@@ -18,29 +18,27 @@ ProgramRun RunTool(const std::vector<std::string>& args, const std::vector<std::
 }
 
 std::string TestKey(unsigned bits) {
-  const std::string dir = RPKTOOL_TEST_KEY_DIR;
-  const std::string path = dir + "/rsa" + std::to_string(bits) + ".pem";
-  if (access(path.c_str(), R_OK) == 0) return path;
-  std::filesystem::create_directories(dir);
-  const std::string temp = path + ".tmp" + std::to_string(getpid());
-  const ProgramRun run = RunProgram({"openssl", "genrsa", "-out", temp, std::to_string(bits)});
-  EXPECT_EQ(run.exit_code, 0) << run.out;
-  rename(temp.c_str(), path.c_str());
-  return path;
+  return std::string(RPKTOOL_TEST_KEY_DIR) + "/rsa" + std::to_string(bits) + ".pem";
 }
 
-std::string MakeSampleTree(const TempDir& dir) {
+void MakeSampleInputs(const TempDir& dir, const std::string& name) {
+  WriteWholeFile(dir / "config.txt", PackageConfig(name));
   const std::string root = dir / "root";
-  std::filesystem::create_directories(root + "/system/lib64");
-  std::filesystem::create_directories(root + "/system/app/Demo/deep/er");
   std::mt19937 random(42);
   std::string library(200 * 1024 + 123, '\0');
   for (auto& c : library) c = static_cast<char>(random());
-  WriteWholeFile(root + "/system/lib64/libfix.so", library);
-  WriteWholeFile(root + "/system/app/Demo/Demo.txt", "Demo app fix payload\n");
-  WriteWholeFile(root + "/system/app/Demo/deep/er/empty", "");
+  WriteTreeFile(root + "/system/lib64/libfix.so", library);
+  WriteTreeFile(root + "/system/app/Demo/Demo.txt", "Demo app fix payload\n");
+  WriteTreeFile(root + "/system/app/Demo/deep/er/empty", "");
   std::filesystem::create_symlink("../lib64/libfix.so", root + "/system/app/libfix_link.so");
-  return root;
+}
+
+ProgramRun Make(const TempDir& dir, const std::string& key, const std::string& output,
+                const std::vector<std::string>& extra, const std::vector<std::string>& env) {
+  std::vector<std::string> args = {"make",  "--config", dir / "config.txt", "--root", dir / "root",
+                                   "--key", key,        "--output",         output};
+  args.insert(args.end(), extra.begin(), extra.end());
+  return RunTool(args, env);
 }
 
 Json::Value ParseJson(const std::string& text) {
@@ -60,13 +58,6 @@ void ExtractImage(const std::string& package, const std::string& path) {
   const uint64_t offset = info["image"]["offset"].asUInt64();
   const uint64_t size = info["image"]["size"].asUInt64();
   WriteWholeFile(path, ReadWholeFile(package).substr(offset, size));
-}
-
-std::string ExtractKeyBlob(const TempDir& dir, const std::string& pem) {
-  const std::string path = dir / (pem.substr(pem.rfind('/') + 1) + ".blob");
-  const ProgramRun run = RunTool({"extract-public-key", "--key", pem, "--output", path});
-  EXPECT_EQ(run.exit_code, 0) << run.err;
-  return path;
 }
 
 }  // namespace mend_test

@@ -1,8 +1,7 @@
 #pragma once
 
-// Helpers for the rpktool tests: running the tool, test keys, a sample
-// source tree and what `info` reports. Files, fixtures and programs come
-// from the shared test support.
+// Helpers for the rpktool tests: running the tool, keys, sample inputs and
+// what `info` reports; files, fixtures and programs come from test support.
 
 #include <json/json.h>
 
@@ -20,13 +19,18 @@ namespace mend_test {
 // apart; `env` entries ("NAME=value") are added to the environment.
 ProgramRun RunTool(const std::vector<std::string>& args, const std::vector<std::string>& env = {});
 
-// An RSA key of `bits` bits made with openssl, generated once and kept in
-// the build tree (8192-bit keys take a while).
+// An RSA key of `bits` bits (2048 or 8192), generated once per build tree.
 std::string TestKey(unsigned bits);
 
-// A small source tree in `dir`: a few files with data, an empty file, a
-// symlink and a nested directory; returns its path.
-std::string MakeSampleTree(const TempDir& dir);
+// In `dir`: config.txt for package `name`, and a source tree "root" with
+// /system/lib64 and /system/app (files with data, an empty file, a symlink
+// and a nested directory).
+void MakeSampleInputs(const TempDir& dir, const std::string& name = "demo_fix1");
+
+// `make` of the sample inputs in `dir` with `key` into `output`.
+ProgramRun Make(const TempDir& dir, const std::string& key, const std::string& output,
+                const std::vector<std::string>& extra = {},
+                const std::vector<std::string>& env = {});
 
 // Parses JSON text; a null value when it does not parse.
 Json::Value ParseJson(const std::string& text);
@@ -34,8 +38,5 @@ Json::Value ParseJson(const std::string& text);
 Json::Value Info(const std::string& package);
 // The image member's bytes, copied out of a package into `path`.
 void ExtractImage(const std::string& package, const std::string& path);
-// The trusted-key blob of a PEM key, made by extract-public-key in `dir`;
-// returns its path.
-std::string ExtractKeyBlob(const TempDir& dir, const std::string& pem);
 
 }  // namespace mend_test

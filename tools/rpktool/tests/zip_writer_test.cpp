@@ -1,15 +1,15 @@
 // Archives from the in-place zip writer, read back by libziparchive (as the
 // daemon reads them) and by unzip.
 
+#include "zip_writer.h"
+
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <ziparchive/zip_archive.h>
 
 #include "file_io.h"
-#include "package_reader.h"
 #include "tool_test_util.h"
-#include "zip_writer.h"
 
 namespace rpktool {
 namespace {
@@ -69,23 +69,6 @@ TEST(StoredZipWriter, ImageDataIsStoredAndAlignedWhereTheDaemonLooks) {
   }
 }
 
-TEST(StoredZipWriter, AlignmentExtraFieldNamesTheAlignment) {
-  TempDir dir;
-  const std::string path = dir / "pkg.zip";
-  WritePackageLike(path, "update_package_name=x\n", 4096);
-  const std::string bytes = mend_test::ReadWholeFile(path);
-  const size_t header = 40 + 22;  // config.txt member, then the image's local header
-  ASSERT_EQ(bytes.compare(header, 4, "PK\x03\x04"), 0);
-  const size_t extra_length = static_cast<uint8_t>(bytes[header + 28]) |
-                              static_cast<uint8_t>(bytes[header + 29]) << 8;
-  EXPECT_EQ(header + 30 + 18 + extra_length, 4096u);
-  const size_t field = header + 30 + 18;
-  EXPECT_EQ(static_cast<uint8_t>(bytes[field]), 0x35);
-  EXPECT_EQ(static_cast<uint8_t>(bytes[field + 1]), 0xd9);
-  EXPECT_EQ(static_cast<uint8_t>(bytes[field + 4]) | static_cast<uint8_t>(bytes[field + 5]) << 8,
-            4096);
-}
-
 TEST(StoredZipWriter, RefusesMembersBeyondZip32) {
   TempDir dir;
   android::base::unique_fd fd(open((dir / "big.zip").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
@@ -93,17 +76,6 @@ TEST(StoredZipWriter, RefusesMembersBeyondZip32) {
   EXPECT_FALSE(zip.ReserveMember("update_payload.img", 0x100000000ull, 4096).ok());
   EXPECT_TRUE(zip.ReserveMember("update_payload.img", 0xfffff000ull - 8192, 4096).ok());
   EXPECT_FALSE(zip.ReserveMember("second", 8192, 0).ok());
-}
-
-TEST(Crc32, CombiningAndZerosAgreeWithOnePass) {
-  std::vector<uint8_t> data(100000);
-  for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i % 251);
-  std::fill(data.begin() + 60000, data.end(), 0);
-  const uint32_t whole = Crc32(0, data.data(), data.size());
-  EXPECT_EQ(Crc32Combine(Crc32(0, data.data(), 12345),
-                         Crc32(0, data.data() + 12345, data.size() - 12345), data.size() - 12345),
-            whole);
-  EXPECT_EQ(Crc32Zeros(Crc32(0, data.data(), 60000), 40000), whole);
 }
 
 }  // namespace

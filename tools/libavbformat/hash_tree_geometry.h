@@ -11,7 +11,7 @@
 #include <cstdint>
 #include <vector>
 
-namespace rpktool {
+namespace avbformat {
 
 struct TreeLevel {
   uint64_t offset;   // from the start of the tree
@@ -30,10 +30,11 @@ struct TreeLayout {
   uint64_t tree_size;
 };
 
-// Fails for block sizes that are not powers of two in [512, 1 MiB], a
-// digest larger than a hash block, or an empty data area. A data area that
-// is not a whole number of blocks gets a zero-padded last block.
+// Fails for block sizes that are not powers of two in [kMinTreeBlockSize,
+// kMaxTreeBlockSize], a digest larger than a hash block, or a data area that
+// is empty or larger than kMaxTreeDataSize. A data area that is not a whole
+// number of blocks gets a zero-padded last block.
 android::base::Result<TreeLayout> ComputeTreeLayout(uint64_t data_size, uint32_t data_block_size,
                                                     uint32_t hash_block_size, uint32_t digest_size);
 
-}  // namespace rpktool
+}  // namespace avbformat

@@ -1,19 +1,17 @@
-#include "tree_layout.h"
+#include "hash_tree_geometry.h"
 
+#include "avb_format.h"
 #include "byte_order.h"
 
-namespace rpktool {
+namespace avbformat {
 
 using android::base::Error;
 using android::base::Result;
 
 namespace {
 
-// Keeps every size computation far from 64-bit overflow.
-constexpr uint64_t kMaxDataSize = uint64_t{1} << 48;
-
 bool IsValidBlockSize(uint32_t size) {
-  return size >= 512 && size <= (1u << 20) && (size & (size - 1)) == 0;
+  return size >= kMinTreeBlockSize && size <= kMaxTreeBlockSize && (size & (size - 1)) == 0;
 }
 
 uint32_t NextPowerOfTwo(uint32_t value) {
@@ -28,14 +26,17 @@ Result<TreeLayout> ComputeTreeLayout(uint64_t data_size, uint32_t data_block_siz
                                      uint32_t hash_block_size, uint32_t digest_size) {
   if (!IsValidBlockSize(data_block_size) || !IsValidBlockSize(hash_block_size)) {
     return Error() << "block sizes " << data_block_size << "/" << hash_block_size
-                   << " are not powers of two between 512 and 1048576";
+                   << " are not powers of two between " << kMinTreeBlockSize << " and "
+                   << kMaxTreeBlockSize;
   }
   if (digest_size == 0 || NextPowerOfTwo(digest_size) > hash_block_size) {
     return Error() << "a " << digest_size << "-byte digest does not fit a " << hash_block_size
                    << "-byte hash block";
   }
   if (data_size == 0) return Error() << "the data area is empty";
-  if (data_size > kMaxDataSize) return Error() << "a data area of " << data_size << " bytes is too large";
+  if (data_size > kMaxTreeDataSize) {
+    return Error() << "a data area of " << data_size << " bytes is too large";
+  }
 
   TreeLayout layout{};
   layout.data_size = data_size;
@@ -61,4 +62,4 @@ Result<TreeLayout> ComputeTreeLayout(uint64_t data_size, uint32_t data_block_siz
   return layout;
 }
 
-}  // namespace rpktool
+}  // namespace avbformat
