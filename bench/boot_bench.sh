@@ -15,7 +15,7 @@
 # run. See docs/performance.md.
 #
 # usage: bench/boot_bench.sh [BUILD_DIR]
-#   BENCH_ROUNDS   rounds, each running every scenario once (default 3)
+#   BENCH_ROUNDS   rounds, each running every scenario once (default 5)
 #   BENCH_DIR      work directory, kept afterwards (default: a new one under
 #                  /tmp, removed afterwards); its packages are reused
 #   BENCH_BASELINE another build of the daemon, run beside this one in the
@@ -25,7 +25,7 @@ set -euo pipefail
 repo=$(cd "$(dirname "$0")/.." && pwd)
 build=${1:-${MEND_BUILD_DIR:-$repo/build}}
 build=$(cd "$build" 2>/dev/null && pwd) || { echo "bench: no build directory $build" >&2; exit 1; }
-rounds=${BENCH_ROUNDS:-3}
+rounds=${BENCH_ROUNDS:-5}
 mend=$build/system/core/init/mend/mend
 tool=$build/tools/rpktool/rpktool
 timed=$build/bench/run_timed
