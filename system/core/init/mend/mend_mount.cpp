@@ -75,13 +75,16 @@ bool ReadChunk(int fd, uint8_t* buffer, size_t count) {
 }
 
 // A page-aligned, zero-filled read buffer mapped straight from the kernel:
-// direct I/O needs the alignment, and no pass in user space clears it.
+// direct I/O needs the alignment, and no pass in user space clears it. It
+// takes no transparent huge pages, which could make it resident in 2 MiB
+// steps beyond its own pages.
 class ReadBuffer {
  public:
   explicit ReadBuffer(size_t size)
       : size_(size),
         data_(mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)) {
     CHECK(data_ != MAP_FAILED) << "Cannot map a read buffer of " << size << " bytes";
+    madvise(data_, size_, MADV_NOHUGEPAGE);
   }
   ~ReadBuffer() { munmap(data_, size_); }
   ReadBuffer(const ReadBuffer&) = delete;
