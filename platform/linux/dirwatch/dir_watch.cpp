@@ -55,11 +55,13 @@ class Watch {
 
 bool WaitUntil(const std::string& dir, std::chrono::milliseconds timeout,
                const std::function<bool()>& done) {
-  // The watch comes first, so that no change between the first look and
-  // the first sleep goes unnoticed.
-  Watch watch(dir);
   const bool forever = timeout == std::chrono::milliseconds::max();
   const auto deadline = forever ? Clock::time_point::max() : Clock::now() + timeout;
+  // What is there already needs no watch. Otherwise the watch is set before
+  // the next look, so that no change between that look and the first sleep
+  // goes unnoticed.
+  if (done()) return true;
+  Watch watch(dir);
   for (;;) {
     if (done()) return true;
     const auto now = Clock::now();
