@@ -43,7 +43,9 @@ class Watch {
     if (poll(&pfd, 1, static_cast<int>(ms)) <= 0) return;
     // The events only say that something changed; the caller looks itself.
     alignas(inotify_event) char events[4096];
-    while (read(fd_, events, sizeof(events)) > 0 || errno == EINTR) {
+    for (;;) {
+      const ssize_t n = read(fd_, events, sizeof(events));
+      if (n <= 0 && !(n < 0 && errno == EINTR)) break;
     }
   }
 
