@@ -15,9 +15,10 @@ import sys
 TARGETS = {"64MiB": 1.15, "256MiB": 1.15, "10x16MiB": 1.25}
 RSS_LIMIT_KIB = 10 * 1024
 
-# Phase boundaries: a log line that contains the key ends the phase named by
-# the value (the time since the previous boundary goes to it). Lines of the
-# trial pass and of the real pass share texts; the pass decides the name.
+# The daemon's phases, in order. Their boundaries are lines of its own log
+# (see phases_of): each such line ends a phase, which gets the time since the
+# previous boundary. The trial and the real pass log the same texts; which
+# pass is running decides the phase.
 TRIAL, REAL = "trial", "real"
 PHASES = [
     "process start",
