@@ -90,6 +90,8 @@ TEST(ReadVerityDeviceTest, ReadsTheImagePartOrSaysWhyNot) {
       // fine, as only the image part is proven.
       {image, 9 * 1024 * 1024 + 4096, 0, ""},
       {image, 4096, 0, ""},
+      // An end that direct I/O cannot reach is read all the same.
+      {image, 4096 + 100, 0, ""},
       // Size zero reads nothing but needs the device.
       {empty, 0, 0, ""},
       {missing, 0, ENOENT, "Can't open " + missing + ": "},

@@ -3,32 +3,11 @@
 #include <android-base/parsebool.h>
 #include <android-base/parseint.h>
 
-#include <thread>
-
+#include "dirwatch/dir_watch.h"
 #include "sysprop/property_store.h"
 
 namespace android {
 namespace base {
-namespace {
-
-// Writers (tests, the app, an init script) change files behind our back;
-// there is no change notification across processes, so waiters poll.
-constexpr std::chrono::milliseconds kPollInterval{20};
-
-template <typename Predicate>
-bool PollUntil(std::chrono::milliseconds timeout, Predicate done) {
-  const auto start = std::chrono::steady_clock::now();
-  for (;;) {
-    if (done()) return true;
-    if (timeout != std::chrono::milliseconds::max() &&
-        std::chrono::steady_clock::now() - start >= timeout) {
-      return false;
-    }
-    std::this_thread::sleep_for(kPollInterval);
-  }
-}
-
-}  // namespace
 
 std::string GetProperty(const std::string& key, const std::string& default_value) {
   auto value = sysprop::ReadProperty(key);
@@ -72,13 +51,17 @@ bool SetProperty(const std::string& key, const std::string& value) {
   return sysprop::WriteProperty(key, value);
 }
 
+// Writers (tests, the app, an init script) change the store's files from
+// other processes; a wait wakes on each change of the store's directory.
 bool WaitForProperty(const std::string& key, const std::string& expected_value,
                      std::chrono::milliseconds relative_timeout) {
-  return PollUntil(relative_timeout, [&] { return GetProperty(key, "") == expected_value; });
+  return dirwatch::WaitUntil(sysprop::PropertyDirectory(), relative_timeout,
+                             [&] { return GetProperty(key, "") == expected_value; });
 }
 
 bool WaitForPropertyCreation(const std::string& key, std::chrono::milliseconds relative_timeout) {
-  return PollUntil(relative_timeout, [&] { return sysprop::ReadProperty(key).has_value(); });
+  return dirwatch::WaitUntil(sysprop::PropertyDirectory(), relative_timeout,
+                             [&] { return sysprop::ReadProperty(key).has_value(); });
 }
 
 }  // namespace base

@@ -15,14 +15,15 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <thread>
+#include <functional>
+
+#include "dirwatch/dir_watch.h"
 
 namespace android {
 namespace dm {
 namespace {
 
 constexpr char kControlPath[] = "/dev/mapper/control";
-constexpr std::chrono::milliseconds kPollInterval(20);
 constexpr size_t kInitialStatusBuffer = 16 * 1024;
 constexpr size_t kMaxStatusBuffer = 4 * 1024 * 1024;
 
@@ -88,16 +89,12 @@ bool NodeIsDevice(const std::string& path, dev_t dev) {
   return stat(path.c_str(), &st) == 0 && S_ISBLK(st.st_mode) && st.st_rdev == dev;
 }
 
-// Polls `done` every kPollInterval until it holds or `timeout` has passed;
-// it is asked once more at the end.
-template <typename Predicate>
-bool PollUntil(const std::chrono::milliseconds& timeout, Predicate done) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!done()) {
-    if (std::chrono::steady_clock::now() >= deadline) return done();
-    std::this_thread::sleep_for(kPollInterval);
-  }
-  return true;
+// Waits up to `timeout` for `done`, which looks at the node `node`: the
+// kernel makes and removes its own nodes with the device, so the first look
+// mostly settles it; otherwise /dev's changes wake the wait.
+bool WaitForNode(const std::string& node, const std::chrono::milliseconds& timeout,
+                 const std::function<bool()>& done) {
+  return dirwatch::WaitUntil(node.substr(0, node.rfind('/')), timeout, done);
 }
 
 }  // namespace
@@ -207,7 +204,7 @@ bool DeviceMapper::WaitForDevice(const std::string& name,
   }
   *path = NodePath(dev);
   if (timeout_ms.count() <= 0) return true;
-  if (!PollUntil(timeout_ms, [&] { return NodeIsDevice(*path, dev); })) {
+  if (!WaitForNode(*path, timeout_ms, [&] { return NodeIsDevice(*path, dev); })) {
     LOG(ERROR) << "Timed out after " << timeout_ms.count() << "ms waiting for " << *path
                << " of " << name;
     return false;
@@ -227,7 +224,7 @@ bool DeviceMapper::DeleteDevice(const std::string& name,
   }
   if (!known || timeout_ms.count() <= 0) return true;
   const std::string node = NodePath(dev);
-  if (!PollUntil(timeout_ms, [&] { return !NodeIsDevice(node, dev); })) {
+  if (!WaitForNode(node, timeout_ms, [&] { return !NodeIsDevice(node, dev); })) {
     LOG(ERROR) << "Timed out after " << timeout_ms.count() << "ms waiting for " << node
                << " of " << name << " to go";
     return false;

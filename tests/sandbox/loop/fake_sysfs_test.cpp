@@ -276,6 +276,17 @@ TEST_F(QueueDepthTest, DiskLayoutsAndTheirErrors) {
   EXPECT_TRUE(whole_disk.ok()) << whole_disk.error();
   EXPECT_THAT(fake_writes::Writes(requests_path), ElementsAre("256"));
   EXPECT_TRUE(logs_.Has(VERBOSE, "Partition parent: vdb"));
+  // Without a scheduler the loop queue cannot outgrow its own 128 tags, so
+  // that increase is not asked for; with one it can be.
+  WriteTreeFile("/sys/block/loop3/mq/0/nr_tags", "128\n");
+  for (const auto& [scheduler, writes] :
+       std::vector<std::pair<std::string, std::vector<std::string>>>{
+           {"[none] mq-deadline\n", {}}, {"[mq-deadline] none\n", {"256"}}}) {
+    WriteTreeFile(std::string(kQueue) + "scheduler", scheduler);
+    Requests("128\n");
+    EXPECT_TRUE(ConfigureQueueDepth("/dev/block/loop3", kBackingFile).ok());
+    EXPECT_EQ(fake_writes::Writes(requests_path), writes) << scheduler;
+  }
 
   // A device-mapper device is followed down to the partition under it.
   Layout("dm-0", {"dm-0", "sdb/sdb2", "loop3"});

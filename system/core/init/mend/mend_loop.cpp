@@ -185,6 +185,30 @@ std::string QueueFile(const std::string& device_path, const char* file) {
   return StringPrintf("/sys/block/%s/queue/%s", Basename(device_path).c_str(), file);
 }
 
+// Whether the kernel must refuse `depth` requests for the queue: without an
+// I/O scheduler a queue holds at most as many requests as its hardware has
+// tags. The kernel says so only after freezing the queue, which waits for
+// two RCU grace periods, so a request that must fail is better not made.
+bool DepthBeyondHardwareTags(const std::string& device_path, uint32_t depth) {
+  std::string scheduler;
+  if (!ReadFileToString(QueueFile(device_path, "scheduler"), &scheduler)) return false;
+  // The active scheduler is the bracketed one when there is a choice.
+  scheduler = Trim(scheduler);
+  const size_t open = scheduler.find('[');
+  const size_t close = scheduler.find(']');
+  if (open != std::string::npos && close != std::string::npos && open < close) {
+    scheduler = scheduler.substr(open + 1, close - open - 1);
+  }
+  if (scheduler != "none") return false;
+
+  const std::string tags_path =
+      StringPrintf("/sys/block/%s/mq/0/nr_tags", Basename(device_path).c_str());
+  std::string tags_text;
+  uint32_t tags = 0;
+  return ReadFileToString(tags_path, &tags_text) &&
+         android::base::ParseUint(Trim(tags_text), &tags) && depth > tags;
+}
+
 }  // namespace
 
 LoopbackRepairDeviceUniqueFd& LoopbackRepairDeviceUniqueFd::operator=(
@@ -434,10 +458,13 @@ Result<void> ConfigureQueueDepth(const std::string& loop_device_path,
   Result<uint32_t> wanted_depth = SupportedQueueDepth(file_path);
   if (!wanted_depth.ok()) return wanted_depth.error();
 
-  if (current_depth != *wanted_depth &&
+  // A queue that is already shallower than the disk's stays usable, so a
+  // refused increase is not an error; a refused decrease is. An increase the
+  // kernel must refuse is not asked for.
+  const bool hopeless_increase = current_depth < *wanted_depth &&
+                                 DepthBeyondHardwareTags(loop_device_path, *wanted_depth);
+  if (current_depth != *wanted_depth && !hopeless_increase &&
       !android::base::WriteStringToFd(StringPrintf("%u", *wanted_depth), fd.get())) {
-    // A queue that is already shallower than the disk's stays usable, so a
-    // refused increase is not an error; a refused decrease is.
     if (current_depth > *wanted_depth) {
       return ErrnoErrorf("Failed to write {} to {}", *wanted_depth, requests_path);
     }
